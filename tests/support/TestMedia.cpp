@@ -320,6 +320,21 @@ QString TestMedia::truncated(const QString& source, qint64 bytes, const QString&
     });
 }
 
+QString TestMedia::damaged(const QString& source, int interval, uint32_t seed, const QString& name)
+{
+    return cached(name, [&](const QString& path) {
+        QByteArray bytes = readFile(source);
+        if (bytes.isEmpty() || interval < 1)
+            return false;
+        for (qsizetype i = 0; i < bytes.size(); ++i) {
+            uint64_t h = mix64((uint64_t(seed) << 32) ^ uint64_t(i));
+            if (h % uint64_t(interval) == 0)
+                bytes[i] = char(h >> 56);
+        }
+        return writeFile(path, bytes);
+    });
+}
+
 QString TestMedia::garbage(qint64 bytes, const QString& name, uint32_t seed)
 {
     return cached(name, [&](const QString& path) {

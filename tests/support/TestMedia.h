@@ -91,6 +91,9 @@ public:
     QString empty(const QString& name = QStringLiteral("empty.mp3"));
     // The first `bytes` bytes of `source`, written as `name`.
     QString truncated(const QString& source, qint64 bytes, const QString& name);
+    // A copy of `source` with about one byte in `interval` replaced by a
+    // seeded random byte, written as `name`.
+    QString damaged(const QString& source, int interval, uint32_t seed, const QString& name);
     // `bytes` seeded random bytes written as `name` (e.g. "garbage.mp3").
     QString garbage(qint64 bytes, const QString& name = QStringLiteral("garbage.mp3"), uint32_t seed = 7);
     // An M4A whose sample-entry fourcc "mp4a" is patched to `fourcc` ("drms").
