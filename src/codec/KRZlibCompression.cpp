@@ -9,12 +9,17 @@
 
 namespace {
 
-// Level 1 (Z_BEST_SPEED). Every decoded frame of every import is compressed,
-// so compression speed sets the pace of an import. On decoded audio (floats
-// from MP3/AAC, 16-bit from WAV) level 1 runs about three times faster than
-// the default level 6 and its output is only a few percent larger, because
-// PCM noise barely compresses at any level.
+// Every decoded frame of every import is compressed, so compression speed
+// sets the pace of an import, and decoded audio barely compresses at any
+// level: measured on one minute of decoded MP3 (32-bit float frames), levels
+// 1, 3 and 6 all keep 91 % of the bytes at 49, 49 and 39 MB/s. Level 1 with
+// the run-length strategy keeps 90.9 % at 81 MB/s, and it still shrinks
+// digital silence to under 1 % (Huffman coding alone would keep 13 %).
+// The output is an ordinary zlib stream either way.
 constexpr int kCompressionLevel = Z_BEST_SPEED;
+constexpr int kCompressionStrategy = Z_RLE;
+constexpr int kWindowBits = 15;
+constexpr int kMemoryLevel = 8;
 
 // zlib counts in uInt; larger buffers are fed in pieces of this size.
 constexpr qsizetype kMaximumChunk = qsizetype(std::numeric_limits<uInt>::max() / 2);
@@ -29,7 +34,7 @@ uInt chunkOf(qsizetype remaining)
 QByteArray KRZlibCompression::zlibCompressionCompress(const QByteArray& data)
 {
     z_stream stream{};
-    if (deflateInit(&stream, kCompressionLevel) != Z_OK) {
+    if (deflateInit2(&stream, kCompressionLevel, Z_DEFLATED, kWindowBits, kMemoryLevel, kCompressionStrategy) != Z_OK) {
         brindle::log(QStringLiteral("zlib: cannot start compression"));
         return {};
     }
