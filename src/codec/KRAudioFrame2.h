@@ -9,7 +9,8 @@
 // "kKRSampleFormat" (int32), "kKRNumberOfChannel" (int64), "kKRSampleRate"
 // (int64), "kKRNumberOfSamples" (int32) and "kKRPackedSamples" (data). Decoding
 // refuses a frame whose data length is not numberOfSamples × bytes per sample
-// frame, or whose format, channel count or sample count is out of range.
+// frame, or whose format, channel count, sample rate or sample count is out of
+// range. The samples are written as inline bytes (encodeBytes).
 #pragma once
 
 #include "foundation/KeyedCoding.h"
@@ -25,7 +26,8 @@ class KRAudioFrame2 final : public brindle::KeyedCoding {
 public:
     // Takes a copy of `numberOfSamples` interleaved frames from `samples`
     // (numberOfSamples × bytesForSampleFormat(format) × channels bytes).
-    // Null if the format is not packed, or a count is not positive.
+    // Null if the format is not packed, or a count or the sample rate is not
+    // positive, or the frame would exceed 1024 channels or 1 GiB.
     static std::shared_ptr<KRAudioFrame2> initWithSampleFormat(int32_t sampleFormat, int64_t numberOfChannel,
                                                                int64_t sampleRate, int32_t numberOfSamples,
                                                                const void* samples);

@@ -19,7 +19,11 @@ namespace {
 constexpr int kMaximumConsecutiveErrors = 256;
 // Packets of other streams read past while looking for the first audio packet.
 constexpr int kMaximumPacketsBeforeAudio = 4096;
+// Successive "try again" answers of the demuxer before a read counts as failed.
+constexpr int kMaximumRetries = 1000;
 constexpr int64_t kLengthNotMeasured = -2;
+// readAudioPacket's answer when the limit of other packets was reached.
+constexpr int kNoAudioPacketNearby = 1;
 
 // Extensions FFmpeg's demuxers do not list because they find these formats by probing.
 const char* const kProbedExtensions[] = {"wav", "aiff", "aif", "aifc", "opus", "wma", "m4a", "mp3", "flac",
@@ -165,7 +169,7 @@ bool KRDemuxerContext::State::openDecoder()
 bool KRDemuxerContext::State::readFirstAudioPacket(bool* found, bool* encrypted)
 {
     int status = readAudioPacket(kMaximumPacketsBeforeAudio);
-    if (status == AVERROR(EAGAIN) || status == AVERROR_EOF)
+    if (status == kNoAudioPacketNearby || status == AVERROR_EOF)
         return true;  // no audio packet near the start, or none at all
     if (status < 0) {
         brindle::log(QStringLiteral("demuxer: cannot read %1: %2").arg(filename, errorText(status)));
@@ -178,18 +182,19 @@ bool KRDemuxerContext::State::readFirstAudioPacket(bool* found, bool* encrypted)
 }
 
 // Reads the next packet of the audio stream into `packet`: 0, AVERROR_EOF at
-// the end, another error, or AVERROR(EAGAIN) after `otherPacketLimit`
+// the end, another error, or kNoAudioPacketNearby after `otherPacketLimit`
 // packets of other streams (no limit when negative).
 int KRDemuxerContext::State::readAudioPacket(int otherPacketLimit)
 {
-    for (int skipped = 0;; ++skipped) {
+    for (int skipped = 0, retries = 0;; ++skipped) {
         if (otherPacketLimit >= 0 && skipped > otherPacketLimit)
-            return AVERROR(EAGAIN);
+            return kNoAudioPacketNearby;
         int status = av_read_frame(format.get(), packet.get());
-        if (status == AVERROR(EAGAIN))
+        if (status == AVERROR(EAGAIN) && ++retries < kMaximumRetries)
             continue;  // some demuxers ask to be called again
         if (status < 0)
             return status;
+        retries = 0;
         if (packet->stream_index == streamIndex)
             return 0;
         av_packet_unref(packet.get());

@@ -234,6 +234,27 @@ TEST(KRDemuxerContext, truncatedFilesDecodeWhatIsThereAndEndCleanly)
     }
 }
 
+TEST(KRDemuxerContext, randomlyDamagedFilesDecodeWithoutHarm)
+{
+    TestMedia& media = TestMedia::shared();
+    QStringList sources{media.mp3VbrXing(), media.mp3WithCoverArt(), media.m4a(tone(6, 48000, 20000)),
+                        media.flac(), media.oggVorbis(), media.wav(3, tone(2, 8000, 4000))};
+    for (const QString& source : sources) {
+        ASSERT_FALSE(source.isEmpty());
+        for (uint32_t seed = 1; seed <= 6; ++seed) {
+            int interval = seed % 2 ? 50 : 2000;
+            QString name = QStringLiteral("damaged%1-%2").arg(seed).arg(QFileInfo(source).fileName());
+            QString path = media.damaged(source, interval, seed, name);
+            ASSERT_FALSE(path.isEmpty());
+            auto context = KRDemuxerContext::initWithFilename(path);
+            if (!context)
+                continue;
+            context->audioStreamLength();
+            EXPECT_TRUE(decodeAll(*context).consistent) << name.toStdString();
+        }
+    }
+}
+
 TEST(KRDemuxerContext, emptyAudioStreamOpensAndDecodesNothing)
 {
     QString path = TestMedia::shared().wav(1, tone(2, 44100, 0));
