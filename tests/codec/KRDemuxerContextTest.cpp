@@ -8,6 +8,8 @@
 #include <QFileInfo>
 
 #include <cstdlib>
+#include <thread>
+#include <vector>
 
 using brindle::test::TestMedia;
 using brindle::test::ToneSpec;
@@ -253,6 +255,33 @@ TEST(KRDemuxerContext, randomlyDamagedFilesDecodeWithoutHarm)
             EXPECT_TRUE(decodeAll(*context).consistent) << name.toStdString();
         }
     }
+}
+
+TEST(KRDemuxerContext, contextsDecodeInParallelOnSeveralThreads)
+{
+    TestMedia& media = TestMedia::shared();
+    QStringList files{media.mp3VbrNoXing(), media.m4a(), media.flac(), media.oggVorbis(), media.mp3WithCoverArt(),
+                      media.wav(2)};
+    std::vector<QByteArray> sequential;
+    for (const QString& path : files) {
+        ASSERT_FALSE(path.isEmpty());
+        sequential.push_back(decodeFile(path).pcm);
+    }
+    std::vector<QByteArray> parallel(files.size());
+    std::vector<std::thread> threads;
+    for (qsizetype i = 0; i < files.size(); ++i) {
+        threads.emplace_back([&, i] {
+            auto context = KRDemuxerContext::initWithFilename(files[i]);
+            if (!context)
+                return;
+            context->audioStreamLength();
+            parallel[size_t(i)] = decodeAll(*context).pcm;
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    for (size_t i = 0; i < sequential.size(); ++i)
+        EXPECT_TRUE(parallel[i] == sequential[i]) << files[qsizetype(i)].toStdString();
 }
 
 TEST(KRDemuxerContext, emptyAudioStreamOpensAndDecodesNothing)
