@@ -1,0 +1,159 @@
+#include "media/VTDataBuffer.h"
+
+#include "foundation/Identifiers.h"
+#include "foundation/Log.h"
+#include "foundation/Paths.h"
+#include "media/CacheFileIO.h"
+
+#include <QFileInfo>
+
+#include <algorithm>
+
+namespace {
+
+const QString kCachePathFileKey = QStringLiteral("kKRCachePathFile");
+
+void logWriteFailure(const QString& path)
+{
+    brindle::log(QStringLiteral("Warning: can not write cache file %1: %2").arg(path, brindle::cachefile::errorText()));
+}
+
+}  // namespace
+
+VTDataBuffer::VTDataBuffer()
+    : VTDataBuffer(cachePath() + QLatin1Char('/') + currentDateString() + QStringLiteral(".temp"))
+{
+}
+
+VTDataBuffer::VTDataBuffer(const QString& cacheFile) : m_dataBufferFile(cacheFile)
+{
+    if (!QFileInfo::exists(m_dataBufferFile))
+        brindle::cachefile::createIfMissing(m_dataBufferFile);
+}
+
+VTDataBuffer::VTDataBuffer(const QString& cacheFile, FromArchive) : m_dataBufferFile(cacheFile) {}
+
+VTDataBuffer::~VTDataBuffer() = default;
+
+std::shared_ptr<VTDataBuffer> VTDataBuffer::initWithCacheFile(const QString& cacheFile)
+{
+    return std::make_shared<VTDataBuffer>(cacheFile);
+}
+
+QString VTDataBuffer::cachePath()
+{
+    QString caches = brindle::searchPathForDirectory(brindle::SearchDirectory::Caches);
+    if (caches.isEmpty())
+        caches = brindle::temporaryDirectory();
+    const QString path = caches + QLatin1Char('/') + brindle::bundleIdentifier();
+    brindle::createDirectoryWithIntermediates(path);
+    return path;
+}
+
+QString VTDataBuffer::currentDateString()
+{
+    return brindle::formatCurrentDateWithStrftime("%Y-%m-%d %H-%M-%S %z");
+}
+
+brindle::SerialQueue& VTDataBuffer::dataBufferQueue()
+{
+    std::call_once(m_queueOnce, [this] {
+        const QString label = QStringLiteral("0x%1: databuffer").arg(identifier(), 0, 16);
+        m_dataBufferQueue = std::make_unique<brindle::SerialQueue>(label);
+    });
+    return *m_dataBufferQueue;
+}
+
+bool VTDataBuffer::appendHeldToFile() const
+{
+    const bool written =
+        brindle::cachefile::appendAll(m_dataBufferFile, m_cacheDataBuffer.constData(), m_cacheDataBuffer.size());
+    if (!written)
+        logWriteFailure(m_dataBufferFile);
+    m_cacheDataBuffer.truncate(0);
+    return written;
+}
+
+bool VTDataBuffer::writeDataBuffer(const QByteArray& bytes)
+{
+    if (m_cacheDataBuffer.size() + bytes.size() <= kMaximumHeldBytes) {
+        m_cacheDataBuffer.append(bytes);
+        return true;
+    }
+    if (!QFileInfo::exists(m_dataBufferFile))
+        brindle::cachefile::createIfMissing(m_dataBufferFile);
+    m_cacheDataBuffer.append(bytes);
+    return appendHeldToFile();
+}
+
+bool VTDataBuffer::flushCacheDataBuffer()
+{
+    if (m_cacheDataBuffer.isEmpty())
+        return true;
+    return appendHeldToFile();
+}
+
+QByteArray VTDataBuffer::readDataBuffer(uint64_t length, uint64_t offset) const
+{
+    QByteArray result;
+    const uint64_t fileLength = this->length();
+    const uint64_t held = uint64_t(m_cacheDataBuffer.size());
+    if (fileLength + held <= offset) {
+        brindle::log(QStringLiteral("reach to end of data buffer."));
+        return result;
+    }
+    if (offset < fileLength) {
+        // Bounded by the file, so a damaged length never allocates more than exists.
+        const uint64_t wanted = std::min(length, fileLength - offset);
+        result.resize(qsizetype(wanted));
+        const int64_t got = brindle::cachefile::readAt(m_dataBufferFile, result.data(), int64_t(wanted), int64_t(offset));
+        result.truncate(qsizetype(std::max<int64_t>(got, 0)));
+        const uint64_t missing = length - uint64_t(result.size());
+        if (missing > 0 && held > 0)
+            result.append(m_cacheDataBuffer.constData(), qsizetype(std::min(missing, held)));
+        return result;
+    }
+    const uint64_t start = offset - fileLength;
+    const uint64_t count = std::min(length, held - start);
+    result.append(m_cacheDataBuffer.constData() + start, qsizetype(count));
+    return result;
+}
+
+uint64_t VTDataBuffer::length() const
+{
+    return uint64_t(std::max<int64_t>(brindle::cachefile::fileSize(m_dataBufferFile), 0));
+}
+
+void VTDataBuffer::clearCache()
+{
+    m_cacheDataBuffer.truncate(0);
+    if (!brindle::cachefile::truncateToEmpty(m_dataBufferFile))
+        logWriteFailure(m_dataBufferFile);
+}
+
+QStringList VTDataBuffer::archiveClassNames()
+{
+    return {QStringLiteral("VTDataBuffer")};
+}
+
+std::shared_ptr<VTDataBuffer> VTDataBuffer::initWithCoder(brindle::KeyedUnarchiver& coder)
+{
+    const QString path = coder.decodeStringForKey(kCachePathFileKey).value_or(QString());
+    if (path.isEmpty() || !QFileInfo::exists(path)) {
+        brindle::log(QStringLiteral("Warning: miss cache file(%1).").arg(path));
+        return nullptr;
+    }
+    return std::shared_ptr<VTDataBuffer>(new VTDataBuffer(path, FromArchive{}));
+}
+
+QString VTDataBuffer::classNameForArchive() const
+{
+    return QStringLiteral("VTDataBuffer");
+}
+
+void VTDataBuffer::encodeWithCoder(brindle::KeyedArchiver& coder) const
+{
+    if (!m_cacheDataBuffer.isEmpty())
+        appendHeldToFile();
+    coder.encodeString(m_dataBufferFile, kCachePathFileKey);
+}
