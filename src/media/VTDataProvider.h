@@ -1,0 +1,164 @@
+// One imported media file: probed when made, decoded once into a PCM cache
+// file, then read by sample index without touching the media file again.
+//
+// Contract
+// - `initWithURL` probes the file and answers null when it cannot be opened,
+//   has no audio stream, or its decoded audio is not a sample format 0–4 with
+//   1–1024 channels. A file refused as protected content also shows the alert
+//   "You can not add DRM protected file." / "DRM protected information has
+//   been detected in file: <path>" (alertFailedInMainThread). An empty URL
+//   logs "data provider url can't empty." and answers a provider with empty
+//   fields.
+// - `startParserWithBlock` decodes the whole stream, synchronously, into a new
+//   "<name>.medialibrary" (or "<name> N.medialibrary") file in
+//   "<XDG data home>/com.tarnwell.brindle", reserved exclusively so parallel
+//   decodes of one file never share a cache file. Each decoded frame becomes
+//   one record: the keyed archive of the KRAudioFrame2, zlib-compressed; the
+//   frame table (cacheTable) indexes the records and ends with the end marker.
+//   The progress block receives percentages, non-decreasing and within
+//   0..100; a final 100 is not promised. Answers false when no cache file
+//   could be made or a write failed (logged); the table is then still closed
+//   when decoding had started.
+// - Reads copy interleaved sample frames ("samples": one per channel group,
+//   `bytesPerSample` bytes each) by sample index. A read starting mid-frame
+//   continues seamlessly into the following frames; a read at or past
+//   `numberOfSamples` answers 0 and leaves the destination untouched; a read
+//   longer than the rest answers the rest. A damaged record (short, not
+//   inflatable, not a frame, or a frame that disagrees with its row) ends the
+//   read early with a log line.
+// - `numberOfSamples` is the end marker's index; without an end marker it
+//   logs "Error data provider. May be can not parser end." and answers 0.
+// - Keyed coding: class "VTDataProvider"; keys "_oringalURL", "_cacheTable",
+//   "_cachePathFile", "_dataBuffer" (objects), "_sampleFormat" (int32),
+//   "_samplerate", "_duration", "_numberOfChannel" (integers). Decoding fails
+//   (null) when the cache file is missing ("Warning: miss cache file(%@)."
+//   from the buffer, then "Warning, cache file crashed.") or shorter than the
+//   last row's offset ("Warning, cache file crashed."), and when the format
+//   fields are unusable.
+// - Threads: probing and decoding run on one thread each. Once decoding has
+//   returned, the table is never changed, so any number of threads may read
+//   at once; each read opens the cache file for itself and reads by position.
+//   `sampleOffset` is atomic. No read may run while the provider decodes.
+#pragma once
+
+#include "foundation/KeyedCoding.h"
+#include "media/KRDataProviderLegacyFields.h"
+#include "media/VTAudioFrameInfo.h"
+#include "media/VTDataBuffer.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QUrl>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+class KRAudioFrame2;
+
+class VTDataProvider final : public brindle::KeyedCoding {
+public:
+    using FrameTable = std::vector<std::shared_ptr<VTAudioFrameInfo>>;
+    using ProgressBlock = std::function<void(double)>;
+
+    // The extension of the cache files that decoding writes.
+    static constexpr const char* kCacheFileExtensionForDecode = "medialibrary";
+
+    static std::shared_ptr<VTDataProvider> initWithURL(const QUrl& url);
+    // initWithURL with an empty URL: a provider with empty fields.
+    static std::shared_ptr<VTDataProvider> init();
+    // Converts a provider of the earlier generation; its cache file is reused
+    // as it is. Null (logged) when its format fields are unusable.
+    static std::shared_ptr<VTDataProvider> initWithKRDataProvider(const KRDataProviderLegacyFields& legacy);
+
+    ~VTDataProvider() override;
+    VTDataProvider(const VTDataProvider&) = delete;
+    VTDataProvider& operator=(const VTDataProvider&) = delete;
+
+    // Decoding.
+    bool startParserWithBlock(const ProgressBlock& block);
+
+    // Reading by sample index.
+    uint64_t readSampleOfCount(uint64_t count, void* buffer, uint64_t index) const;
+    QByteArray readSampleOfCount(uint64_t count, uint64_t index) const;
+    // Reads at sampleOffset, which it does not advance.
+    QByteArray readSampleOfCount(uint64_t count) const;
+    // Both clamp to numberOfSamples.
+    void seekToSampleOffset(uint64_t sampleOffset);
+    void setSampleOffset(uint64_t sampleOffset);
+    uint64_t sampleOffset() const { return m_sampleOffset.load(std::memory_order_relaxed); }
+
+    // The row that holds sample `index`: the end marker for every index from
+    // numberOfSamples on; null when none holds it.
+    std::shared_ptr<VTAudioFrameInfo> frameInfoAtIndex(uint64_t index) const;
+    // The row after `row`; null when that is the end marker or `row` is not in the table.
+    std::shared_ptr<VTAudioFrameInfo> nextFrameInfo(const std::shared_ptr<VTAudioFrameInfo>& row) const;
+
+    // "cache"; decoding names its files with "medialibrary".
+    QString cacheFileExtension() const { return QStringLiteral("cache"); }
+    // Does nothing: cache files are kept.
+    void clearCache() {}
+
+    // Shows the refusal alert for a protected file, on the main thread when the
+    // installed VTAlertPresenter needs it (and waits for it).
+    static void alertFailedInMainThread(const QString& path);
+
+    // Fields.
+    const QUrl& url() const { return m_oringalURL; }
+    // The path of url(); two providers of one file share it.
+    QString identifier() const;
+    int64_t duration() const { return m_duration; }
+    int32_t sampleFormat() const { return m_sampleFormat; }
+    int64_t samplerate() const { return m_samplerate; }
+    int64_t numberOfChannel() const { return m_numberOfChannel; }
+    // Bytes of one interleaved sample frame (all channels); 0 for unusable fields.
+    uint64_t bytesPerSample() const;
+    uint64_t numberOfSamples() const;
+    const QString& cachePathFile() const { return m_cachePathFile; }
+    const std::shared_ptr<VTDataBuffer>& dataBuffer() const { return m_dataBuffer; }
+    const FrameTable& cacheTable() const { return m_cacheTable; }
+
+    // Keyed coding.
+    static QStringList archiveClassNames();
+    static std::shared_ptr<VTDataProvider> initWithCoder(brindle::KeyedUnarchiver& coder);
+    QString classNameForArchive() const override;
+    void encodeWithCoder(brindle::KeyedArchiver& coder) const override;
+
+private:
+    VTDataProvider() = default;
+
+    // Probing (VTDataProvider.cpp).
+    bool probe();
+    QString mediaPath() const;
+    static bool hasUsableFormat(int32_t sampleFormat, int64_t numberOfChannel);
+
+    // Decoding and reading (VTDataProviderCache.cpp).
+    // Installs a finished table and notes whether it is in stream order.
+    void setFinishedTable(FrameTable table);
+    // The position in the table of the row that holds `index`.
+    std::optional<size_t> rowPositionAtIndex(uint64_t index) const;
+    std::optional<size_t> rowPositionOf(const VTAudioFrameInfo* row) const;
+    // The frame stored for `row`, checked against the row and this provider's format.
+    std::shared_ptr<KRAudioFrame2> frameOfRow(const VTAudioFrameInfo& row) const;
+    // numberOfSamples without the log line: 0 when the table has no end marker.
+    uint64_t samplesInTable() const;
+
+    QUrl m_oringalURL;
+    int64_t m_duration = 0;
+    int32_t m_sampleFormat = 0;
+    int64_t m_samplerate = 0;
+    int64_t m_numberOfChannel = 0;
+    std::atomic<uint64_t> m_sampleOffset{0};
+    FrameTable m_cacheTable;
+    std::shared_ptr<VTDataBuffer> m_dataBuffer;
+    QString m_cachePathFile;
+    // True when the rows follow each other without gaps and the last one is
+    // the end marker, so a row can be found by binary search.
+    bool m_tableInStreamOrder = false;
+    // Names this table in the per-thread cache of the last inflated frame; new
+    // for every table installed, never reused.
+    uint64_t m_tableSerial = 0;
+};
