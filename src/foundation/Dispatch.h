@@ -2,13 +2,29 @@
 //
 // - mainQueue(): work runs on the Qt event loop of the application's main
 //   thread, in submission order. `sync` from the main thread runs inline.
-// - globalQueue(): a pool of background threads (one per core); work may run
-//   concurrently and in any order.
+//   Before a QCoreApplication exists, submitted work waits in the queue until
+//   an application object appears or runMainQueueUntil() runs it. When the
+//   application object is destroyed, work still waiting is discarded with a
+//   log line (the process is shutting down), and later submissions from other
+//   threads are discarded too; a `sync` caller waiting on discarded work
+//   returns, so that no thread stays blocked at exit.
+// - globalQueue(): a pool of background threads (one per core, at least two);
+//   work may run concurrently and in any order. It may be used from any
+//   thread, including from work running on the pool. `sync` runs the work
+//   inline on the calling thread (the queue is concurrent, so nothing orders
+//   it against other work). A pool thread that blocks in one of these
+//   primitives (a group wait, a `sync` on another queue) lends its place to a
+//   new worker, so work that waits for other pool work cannot starve the pool.
+//   The pool lives until the process ends: its threads are detached and park
+//   on a condition variable of an object that is never destroyed, so they
+//   neither hold up exit nor race with static destruction.
 // - SerialQueue: one worker thread, work runs one at a time in submission
 //   order; created on first use by the objects that own one. Destroying a
-//   queue runs what is already submitted, then joins the worker.
+//   queue runs what is already submitted, then joins the worker. `sync` from
+//   the queue's own work would deadlock: it is logged and runs inline.
 // - DispatchGroup: counts outstanding work; `wait` blocks until it is done,
-//   `notify` submits work to a queue once it is done.
+//   `notify` submits work to a queue once it is done. The queue given to
+//   `async` and `notify` must outlive the work submitted to it.
 #pragma once
 
 #include <QString>
@@ -54,13 +70,13 @@ public:
     bool isCurrent() const;
 
 private:
-    void run();
+    // Shared with the worker thread, so that a queue destroyed from its own
+    // work leaves the worker something valid to finish with.
+    struct State;
+    static void run(std::shared_ptr<State> state, QString label);
 
     QString m_label;
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    std::deque<DispatchWork> m_pending;
-    bool m_stopping = false;
+    std::shared_ptr<State> m_state;
     std::thread m_worker;
 };
 

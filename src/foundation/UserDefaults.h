@@ -1,5 +1,12 @@
-// User defaults over QSettings (organisation "tarnwell", application "brindle").
+// User defaults over QSettings (organisation "tarnwell", application "brindle"),
+// stored as an ini file under XDG_CONFIG_HOME.
 // Thread-safe: every access holds one lock.
+// - Keys are flat: dots are plain characters, and '/' or '\\' in a key do not
+//   make groups (they are escaped). An empty key is refused with a log line.
+// - Values are QVariants; byte arrays round-trip exactly, whatever their bytes.
+// - A change is seen at once by every reader and reaches the file shortly
+//   afterwards (a burst of changes is written once); `synchronize` writes at
+//   once, and so does the destruction of the application object.
 #pragma once
 
 #include <QByteArray>
@@ -14,9 +21,11 @@ class UserDefaults {
 public:
     static UserDefaults& standardUserDefaults();
 
+    // The value if it is a byte array; nothing when absent or of another type.
     std::optional<QByteArray> dataForKey(const QString& key) const;
     void setData(const QByteArray& value, const QString& key);
     QVariant valueForKey(const QString& key) const;
+    // An invalid QVariant removes the key.
     void setValue(const QVariant& value, const QString& key);
     void removeObjectForKey(const QString& key);
     // Writes pending changes to storage.

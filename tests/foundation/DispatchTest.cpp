@@ -1,0 +1,332 @@
+#include "foundation/Dispatch.h"
+
+#include "foundation/Log.h"
+
+#include <gtest/gtest.h>
+
+#include <QStringList>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+using namespace brindle;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int64_t kGenerousTimeout = 20000;
+
+// Collects log lines for the lifetime of the object.
+class LogCapture {
+public:
+    LogCapture()
+    {
+        m_previous = setLogSink([this](const QString& line) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_lines << line;
+        });
+    }
+    ~LogCapture() { setLogSink(m_previous); }
+    QStringList lines() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lines;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    QStringList m_lines;
+    LogSink m_previous;
+};
+
+}  // namespace
+
+TEST(SerialQueueTest, RunsWorkOneAtATimeInSubmissionOrder)
+{
+    SerialQueue queue(QStringLiteral("order"));
+    std::vector<int> order;
+    std::atomic<int> running {0};
+    std::atomic<bool> overlapped {false};
+    for (int i = 0; i < 500; ++i) {
+        queue.async([&, i] {
+            if (running.fetch_add(1) != 0)
+                overlapped = true;
+            order.push_back(i);
+            running.fetch_sub(1);
+        });
+    }
+    queue.sync([] {});
+    ASSERT_EQ(order.size(), 500u);
+    for (int i = 0; i < 500; ++i)
+        EXPECT_EQ(order[static_cast<size_t>(i)], i);
+    EXPECT_FALSE(overlapped);
+}
+
+TEST(SerialQueueTest, SyncRunsOnTheWorkerAndSeesEarlierAsyncWork)
+{
+    SerialQueue queue(QStringLiteral("sync"));
+    int value = 0;
+    queue.async([&] {
+        std::this_thread::sleep_for(20ms);
+        value = 1;
+    });
+    bool wasCurrent = false;
+    int seen = -1;
+    queue.sync([&] {
+        wasCurrent = queue.isCurrent();
+        seen = value;
+    });
+    EXPECT_TRUE(wasCurrent);
+    EXPECT_EQ(seen, 1);
+    EXPECT_FALSE(queue.isCurrent());
+}
+
+TEST(SerialQueueTest, SyncFromItsOwnWorkRunsInlineInsteadOfDeadlocking)
+{
+    LogCapture capture;
+    SerialQueue queue(QStringLiteral("reentrant"));
+    bool innerRan = false;
+    queue.sync([&] { queue.sync([&] { innerRan = true; }); });
+    EXPECT_TRUE(innerRan);
+    EXPECT_FALSE(capture.lines().isEmpty());
+}
+
+TEST(SerialQueueTest, DestructionRunsEverythingAlreadySubmitted)
+{
+    std::atomic<int> ran {0};
+    {
+        SerialQueue queue(QStringLiteral("drain"));
+        queue.async([&] {
+            std::this_thread::sleep_for(50ms);
+            ++ran;
+        });
+        for (int i = 0; i < 100; ++i)
+            queue.async([&] { ++ran; });
+    }
+    EXPECT_EQ(ran.load(), 101);
+}
+
+TEST(SerialQueueTest, WorkSubmittedDuringTheDrainStillRuns)
+{
+    std::atomic<int> ran {0};
+    {
+        SerialQueue queue(QStringLiteral("chain"));
+        queue.async([&] {
+            std::this_thread::sleep_for(20ms);
+            queue.async([&] { ++ran; });
+        });
+    }
+    EXPECT_EQ(ran.load(), 1);
+}
+
+TEST(SerialQueueTest, DestructionFromItsOwnWorkFinishesSafely)
+{
+    LogCapture capture;
+    auto queue = std::make_unique<SerialQueue>(QStringLiteral("self-destroy"));
+    std::atomic<bool> later {false};
+    std::atomic<bool> bothSubmitted {false};
+    DispatchGroup group;
+    group.enter();
+    queue->async([&] {
+        while (!bothSubmitted)
+            std::this_thread::yield();
+        queue.reset();
+    });
+    // Pending when the queue is destroyed.
+    queue->async([&] {
+        later = true;
+        group.leave();
+    });
+    bothSubmitted = true;
+    ASSERT_TRUE(group.waitFor(kGenerousTimeout));
+    EXPECT_TRUE(later);
+}
+
+TEST(MainQueueTest, DeliversInOrderPerSubmitterFromSeveralThreads)
+{
+    constexpr int kThreads = 4;
+    constexpr int kItems = 200;
+    std::vector<std::vector<int>> received(kThreads);
+    std::atomic<int> offMain {0};
+    std::atomic<int> delivered {0};
+    std::vector<std::thread> submitters;
+    for (int t = 0; t < kThreads; ++t) {
+        submitters.emplace_back([&, t] {
+            for (int i = 0; i < kItems; ++i) {
+                mainQueue().async([&, t, i] {
+                    if (!isMainThread())
+                        ++offMain;
+                    received[static_cast<size_t>(t)].push_back(i);
+                    ++delivered;
+                });
+            }
+        });
+    }
+    for (auto& thread : submitters)
+        thread.join();
+    ASSERT_TRUE(runMainQueueUntil([&] { return delivered == kThreads * kItems; }, kGenerousTimeout));
+    EXPECT_EQ(offMain.load(), 0);
+    for (const auto& list : received) {
+        ASSERT_EQ(list.size(), static_cast<size_t>(kItems));
+        for (int i = 0; i < kItems; ++i)
+            EXPECT_EQ(list[static_cast<size_t>(i)], i);
+    }
+}
+
+TEST(MainQueueTest, SyncFromTheMainThreadRunsInline)
+{
+    bool ran = false;
+    mainQueue().sync([&] { ran = true; });
+    EXPECT_TRUE(ran);
+}
+
+TEST(MainQueueTest, SyncFromAnotherThreadWaitsForTheMainThreadToRunIt)
+{
+    std::atomic<bool> ranOnMain {false};
+    std::atomic<bool> returned {false};
+    std::thread caller([&] {
+        mainQueue().sync([&] { ranOnMain = isMainThread(); });
+        returned = true;
+    });
+    EXPECT_TRUE(runMainQueueUntil([&] { return returned.load(); }, kGenerousTimeout));
+    caller.join();
+    EXPECT_TRUE(ranOnMain);
+}
+
+TEST(MainQueueTest, RunUntilAnswersFalseWhenTimeRunsOut)
+{
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(runMainQueueUntil([] { return false; }, 50));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+}
+
+TEST(GlobalQueueTest, RunsWorkOffTheMainThreadAndSyncFromAPoolThreadRunsInline)
+{
+    std::atomic<bool> offMain {false};
+    std::atomic<bool> innerOnSameThread {false};
+    DispatchGroup group;
+    group.async(globalQueue(), [&] {
+        offMain = !isMainThread();
+        const auto outer = std::this_thread::get_id();
+        globalQueue().sync([&] { innerOnSameThread = std::this_thread::get_id() == outer; });
+    });
+    ASSERT_TRUE(group.waitFor(kGenerousTimeout));
+    EXPECT_TRUE(offMain);
+    EXPECT_TRUE(innerOnSameThread);
+}
+
+TEST(GlobalQueueTest, PoolWorkWaitingForMorePoolWorkDoesNotStarveThePool)
+{
+    // More waiting outer items than there are cores: each waits on a group
+    // whose work is queued behind it on the same pool.
+    const int outerCount = static_cast<int>(std::max(2u, std::thread::hardware_concurrency())) * 3;
+    std::atomic<int> innerDone {0};
+    DispatchGroup outer;
+    for (int i = 0; i < outerCount; ++i) {
+        outer.async(globalQueue(), [&] {
+            DispatchGroup inner;
+            for (int j = 0; j < 4; ++j)
+                inner.async(globalQueue(), [&] { ++innerDone; });
+            inner.wait();
+        });
+    }
+    ASSERT_TRUE(outer.waitFor(kGenerousTimeout));
+    EXPECT_EQ(innerDone.load(), outerCount * 4);
+}
+
+TEST(GlobalQueueTest, PoolWorkMayWaitForTheMainQueue)
+{
+    std::atomic<bool> done {false};
+    globalQueue().async([&] {
+        int value = 0;
+        mainQueue().sync([&] { value = 7; });
+        done = value == 7;
+    });
+    EXPECT_TRUE(runMainQueueUntil([&] { return done.load(); }, kGenerousTimeout));
+}
+
+TEST(DispatchGroupTest, WaitCoversWorkSubmittedFromSeveralThreads)
+{
+    DispatchGroup group;
+    std::atomic<int> count {0};
+    std::vector<std::thread> submitters;
+    for (int t = 0; t < 4; ++t) {
+        submitters.emplace_back([&] {
+            for (int i = 0; i < 100; ++i)
+                group.async(globalQueue(), [&] { ++count; });
+        });
+    }
+    for (auto& thread : submitters)
+        thread.join();
+    group.wait();
+    EXPECT_EQ(count.load(), 400);
+}
+
+TEST(DispatchGroupTest, WaitForTimesOutWhileWorkIsOutstandingAndSucceedsAfterLeave)
+{
+    DispatchGroup group;
+    group.enter();
+    EXPECT_FALSE(group.waitFor(30));
+    std::thread leaver([&] {
+        std::this_thread::sleep_for(20ms);
+        group.leave();
+    });
+    EXPECT_TRUE(group.waitFor(kGenerousTimeout));
+    leaver.join();
+}
+
+TEST(DispatchGroupTest, NotifyRunsOnceAfterAllWorkAndOnTheGivenQueue)
+{
+    DispatchGroup group;
+    SerialQueue target(QStringLiteral("notify-target"));
+    std::atomic<int> count {0};
+    std::atomic<int> seenAtNotify {-1};
+    std::atomic<int> notifications {0};
+    std::atomic<bool> onTarget {false};
+    group.enter();
+    for (int i = 0; i < 50; ++i)
+        group.async(globalQueue(), [&] { ++count; });
+    group.notify(target, [&] {
+        seenAtNotify = count.load();
+        onTarget = target.isCurrent();
+        ++notifications;
+    });
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(notifications.load(), 0) << "notified while a piece of work was still entered";
+    group.leave();
+    group.wait();
+    target.sync([] {});
+    EXPECT_EQ(notifications.load(), 1);
+    EXPECT_EQ(seenAtNotify.load(), 50);
+    EXPECT_TRUE(onTarget);
+}
+
+TEST(DispatchGroupTest, NotifyOnAnEmptyGroupRunsAtOnceAndMainQueueWorkCounts)
+{
+    DispatchGroup group;
+    bool immediate = false;
+    group.notify(mainQueue(), [&] { immediate = true; });
+    ASSERT_TRUE(runMainQueueUntil([&] { return immediate; }, kGenerousTimeout));
+
+    int onMain = 0;
+    bool notified = false;
+    for (int i = 0; i < 10; ++i)
+        group.async(mainQueue(), [&] { ++onMain; });
+    group.notify(mainQueue(), [&] { notified = onMain == 10; });
+    EXPECT_TRUE(runMainQueueUntil([&] { return notified; }, kGenerousTimeout));
+}
+
+TEST(DispatchGroupTest, UnbalancedLeaveIsLoggedAndIgnored)
+{
+    LogCapture capture;
+    DispatchGroup group;
+    group.leave();
+    EXPECT_TRUE(group.waitFor(0));
+    group.enter();
+    EXPECT_FALSE(group.waitFor(0));
+    group.leave();
+    EXPECT_TRUE(group.waitFor(0));
+    EXPECT_EQ(capture.lines().size(), 1);
+}

@@ -1,0 +1,61 @@
+#include "foundation/Identifiers.h"
+
+#include <gtest/gtest.h>
+
+#include <QDate>
+#include <QDateTime>
+#include <QRegularExpression>
+#include <QSet>
+#include <QTimeZone>
+
+using namespace brindle;
+
+namespace {
+int64_t utcMilliseconds(int year, int month, int day, int hour, int minute, int second)
+{
+    return QDateTime(QDate(year, month, day), QTime(hour, minute, second), QTimeZone::utc()).toMSecsSinceEpoch();
+}
+}  // namespace
+
+TEST(IdentifiersTest, UUIDsAreUpperCaseCanonicalAndUnique)
+{
+    const QRegularExpression canonical(
+        QStringLiteral("^[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}$"));
+    QSet<QString> seen;
+    for (int i = 0; i < 1000; ++i) {
+        const QString uuid = newUUIDString();
+        ASSERT_TRUE(canonical.match(uuid).hasMatch()) << qPrintable(uuid);
+        seen.insert(uuid);
+    }
+    EXPECT_EQ(seen.size(), 1000);
+}
+
+TEST(IdentifiersTest, UnicodePatternsUseTheTwelveHourClockAndZoneNames)
+{
+    const QString pattern = QStringLiteral("yyyy-MM-dd hh-mm-ss zzz");
+    EXPECT_EQ(formatDateWithPattern(pattern, utcMilliseconds(2021, 3, 4, 14, 5, 9), QStringLiteral("UTC")),
+              QStringLiteral("2021-03-04 02-05-09 UTC"));
+    EXPECT_EQ(formatDateWithPattern(QStringLiteral("hh HH"), utcMilliseconds(2021, 3, 4, 0, 30, 0), QStringLiteral("UTC")),
+              QStringLiteral("12 00"));
+    // The zone changes the wall-clock time, not just its name.
+    EXPECT_EQ(formatDateWithPattern(QStringLiteral("HH:mm"), utcMilliseconds(2021, 7, 1, 12, 0, 0),
+                                    QStringLiteral("Europe/Berlin")),
+              QStringLiteral("14:00"));
+}
+
+TEST(IdentifiersTest, BadPatternsAndZonesGiveEmptyText)
+{
+    EXPECT_TRUE(formatDateWithPattern(QStringLiteral("yyyy"), 0, QStringLiteral("Not/AZone")).isEmpty());
+    EXPECT_TRUE(formatDateWithPattern(QStringLiteral("yyyy j"), 0, QStringLiteral("UTC")).isEmpty());
+    EXPECT_TRUE(formatCurrentDateWithStrftime(nullptr).isEmpty());
+}
+
+TEST(IdentifiersTest, CurrentDateTextsShowTheCurrentYear)
+{
+    const QString year = QString::number(QDate::currentDate().year());
+    EXPECT_EQ(formatCurrentDateWithPattern(QStringLiteral("yyyy")), year);
+    EXPECT_EQ(formatCurrentDateWithStrftime("%Y"), year);
+    // Longer than any first guess at the buffer size.
+    const QString repeated = formatCurrentDateWithStrftime(QByteArray("%Y ").repeated(200).constData());
+    EXPECT_EQ(repeated, (year + u' ').repeated(200));
+}
