@@ -1,0 +1,96 @@
+#include "model/VTVolumeEffect.h"
+
+#include "codec/KRAudioFrame2.h"
+#include "foundation/Log.h"
+#include "foundation/VTBaseDefine.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t kFirstUnsupportedFormat = 5;
+
+void gainUnsigned8(uint8_t* samples, int64_t count, double gain)
+{
+    for (int64_t i = 0; i < count; ++i) {
+        // Integer division on purpose: v is −1, 0 or 1.
+        const int v = (static_cast<int>(samples[i]) - 127) / 127;
+        const double scaled = std::clamp(static_cast<double>(v) * gain, -1.0, 1.0);
+        samples[i] = brindle::truncateSaturating<uint8_t>(scaled * 127.0 + 127.0);
+    }
+}
+
+void gainSigned16(uint8_t* bytes, int64_t count, double gain)
+{
+    for (int64_t i = 0; i < count; ++i) {
+        int16_t x;
+        std::memcpy(&x, bytes + i * 2, sizeof x);
+        const int16_t y = brindle::truncateSaturating<int16_t>(static_cast<double>(x) * gain);
+        std::memcpy(bytes + i * 2, &y, sizeof y);
+    }
+}
+
+void gainSigned32(uint8_t* bytes, int64_t count, double gain)
+{
+    for (int64_t i = 0; i < count; ++i) {
+        int32_t x;
+        std::memcpy(&x, bytes + i * 4, sizeof x);
+        // Only the lower bound is clamped, and to the 16-bit range.
+        const double product = std::trunc(static_cast<double>(x) * gain);
+        const int32_t y = product < -32768.0 ? -32768 : brindle::truncateSaturating<int32_t>(product);
+        std::memcpy(bytes + i * 4, &y, sizeof y);
+    }
+}
+
+void gainDoubles(uint8_t* bytes, int64_t count, double gain)
+{
+    for (int64_t i = 0; i < count; ++i) {
+        double x;
+        std::memcpy(&x, bytes + i * 8, sizeof x);
+        const double y = std::clamp(x * gain, -1.0, 1.0);
+        std::memcpy(bytes + i * 8, &y, sizeof y);
+    }
+}
+
+}  // namespace
+
+VTVolumeEffect::VTVolumeEffect(int32_t sampleFormat, int64_t numberOfChannels)
+    : m_sampleFormat(sampleFormat), m_numberOfChannels(numberOfChannels)
+{
+}
+
+std::shared_ptr<VTVolumeEffect> VTVolumeEffect::initWithSampleFormat(int32_t sampleFormat, int64_t numberOfChannel)
+{
+    if (static_cast<uint32_t>(sampleFormat) >= kFirstUnsupportedFormat) {
+        brindle::logf("Can not support such smaple format(%d) volume effect", sampleFormat);
+        return nullptr;
+    }
+    return std::shared_ptr<VTVolumeEffect>(new VTVolumeEffect(sampleFormat, numberOfChannel));
+}
+
+void VTVolumeEffect::effectVolume(double gain, void* samples, int64_t numberOfSamples) const
+{
+    if (std::fabs(gain - 1.0) <= VTBaseDefine::expression() || !samples)
+        return;
+    const int64_t width = KRAudioFrame2::bytesForSampleFormat(m_sampleFormat);
+    const int64_t count = brindle::effectSampleCount(numberOfSamples, m_numberOfChannels, width);
+    auto* bytes = static_cast<uint8_t*>(samples);
+    switch (m_sampleFormat) {
+    case 0:
+        gainUnsigned8(bytes, count, gain);
+        break;
+    case 1:
+        gainSigned16(bytes, count, gain);
+        break;
+    case 2:
+        gainSigned32(bytes, count, gain);
+        break;
+    case 3:
+    case 4:
+        gainDoubles(bytes, brindle::wholeDoublesIn(count, width), gain);
+        break;
+    default:
+        break;
+    }
+}
