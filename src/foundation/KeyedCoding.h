@@ -70,6 +70,9 @@ concept KeyedDecodable = requires(KeyedUnarchiver& coder) {
 // Not thread-safe: one archiver per thread.
 class KeyedArchiver {
 public:
+    // Objects nested deeper than this are written as nil (with a log line).
+    static constexpr int kMaxDepth = 256;
+
     KeyedArchiver();
     ~KeyedArchiver();
     KeyedArchiver(const KeyedArchiver&) = delete;
@@ -81,12 +84,20 @@ public:
 
     // Object references (a UID in the current object). Null writes UID 0.
     void encodeObject(const ConstKeyedObjectPtr& object, const QString& key);
-    // Encodes an object that the caller owns on the stack; it is uniqued by address.
+    // Encodes an object that the caller owns on the stack; it is uniqued by
+    // address, so it must stay alive until finishEncoding (members of the
+    // object being encoded and the root do).
     void encodeObject(const KeyedCoding& object, const QString& key);
+    // An inline property-list array of references to the given objects (the
+    // `NS.objects` / `NS.keys` of collections). A null element is written as nil.
+    void encodeArrayOfObjects(const std::vector<ConstKeyedObjectPtr>& objects, const QString& key);
 
     // Convenience writers for the standard Foundation value classes.
     void encodeString(const QString& value, const QString& key);          // NSString (inline)
-    void encodeURL(const QUrl& value, const QString& key);                // NSURL
+    // A property-list string stored directly under the key, not as a
+    // reference (NSMutableString's `NS.string`).
+    void encodeInlineString(const QString& value, const QString& key);
+    void encodeURL(const QUrl& value, const QString& key);                // NSURL; an empty URL is nil
     void encodeData(const QByteArray& value, const QString& key);         // NSData (inline)
     // NSArray (or NSMutableArray when `mutableArray`) of the given objects.
     void encodeArray(const std::vector<ConstKeyedObjectPtr>& objects, const QString& key,
@@ -123,6 +134,11 @@ private:
 // Not thread-safe: one unarchiver per thread.
 class KeyedUnarchiver {
 public:
+    // Objects nested deeper than this decode as nil and count as damage.
+    static constexpr int kMaxDepth = KeyedArchiver::kMaxDepth;
+
+    // Accepts the binary form and the XML form (where a one-entry dictionary
+    // {"CF$UID": n} is a UID).
     explicit KeyedUnarchiver(const QByteArray& data);
     ~KeyedUnarchiver();
     KeyedUnarchiver(const KeyedUnarchiver&) = delete;
@@ -173,6 +189,11 @@ public:
 
     // Generic reference: standard value classes and registered classes only.
     KeyedObjectPtr decodeObjectForKey(const QString& key);
+    // The inline property-list array of references under the key (a
+    // collection's `NS.objects` / `NS.keys`), decoded generically. Elements
+    // that are nil, or of a class that cannot be decoded, are null entries so
+    // that parallel arrays stay aligned. nullopt when absent or damaged.
+    std::optional<std::vector<KeyedObjectPtr>> decodeArrayOfObjectsForKey(const QString& key);
 
     // Convenience readers for the standard value classes (NSString or
     // NSMutableString, NSURL, NSData or NSMutableData). nullopt when absent,
@@ -180,6 +201,9 @@ public:
     std::optional<QString> decodeStringForKey(const QString& key);
     std::optional<QUrl> decodeURLForKey(const QString& key);
     std::optional<QByteArray> decodeDataForKey(const QString& key);
+    // A property-list string stored directly under the key (NSMutableString's
+    // `NS.string`); nullopt when absent or not a string.
+    std::optional<QString> decodeInlineStringForKey(const QString& key);
 
     // Scalars. Missing keys give false / 0 / 0.0 / empty, like Foundation.
     // A value of the wrong kind (a real where an integer is expected, a UID where
