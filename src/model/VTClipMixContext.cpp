@@ -1,0 +1,103 @@
+#include "model/VTClipMixContext.h"
+
+#include "codec/KRAudioFrame2.h"
+#include "codec/KRResampleContext2.h"
+#include "media/VTDataProvider.h"
+#include "model/VTFadeInEffect.h"
+#include "model/VTFadeOutEffect.h"
+#include "model/VTVolumeEffect.h"
+
+#include <algorithm>
+#include <cstring>
+
+VTClipMixContext::VTClipMixContext(int64_t indexOfSampleStart, int64_t timestampOfTrack,
+                                   int64_t indexOfSampleStartInDataProvider)
+    : m_timestampOfTrack(timestampOfTrack),
+      m_indexOfSampleStart(indexOfSampleStart),
+      m_indexOfSampleStartInDataProvider(indexOfSampleStartInDataProvider)
+{
+}
+
+VTClipMixContext::~VTClipMixContext() = default;
+
+std::shared_ptr<VTClipMixContext> VTClipMixContext::initWithIndexOfSampleStart(int64_t indexOfSampleStart,
+                                                                               int64_t timestampOfTrack,
+                                                                               int64_t indexOfSampleStartInDataProvider)
+{
+    return std::make_shared<VTClipMixContext>(indexOfSampleStart, timestampOfTrack, indexOfSampleStartInDataProvider);
+}
+
+void VTClipMixContext::setResampleContext(std::shared_ptr<KRResampleContext2> context)
+{
+    m_resampleContext = std::move(context);
+}
+
+void VTClipMixContext::setCacheSample(const void* bytes, int64_t length)
+{
+    m_cacheOffset = 0;
+    m_cacheLength = length > 0 ? static_cast<size_t>(length) : 0;
+    if (m_cache.size() < m_cacheLength)
+        m_cache.resize(m_cacheLength);
+    if (m_cacheLength > 0)
+        std::memcpy(m_cache.data(), bytes, m_cacheLength);
+}
+
+void VTClipMixContext::dropCacheSample(int64_t length)
+{
+    const size_t dropped = length > 0 ? std::min(static_cast<size_t>(length), m_cacheLength) : 0;
+    m_cacheOffset += dropped;
+    m_cacheLength -= dropped;
+    if (m_cacheLength == 0)
+        m_cacheOffset = 0;
+}
+
+void VTClipMixContext::setDataProvider(std::shared_ptr<VTDataProvider> provider)
+{
+    m_dataProvider = std::move(provider);
+    if (!m_dataProvider) {
+        m_mediaSampleFormat = 0;
+        m_mediaSamplerate = 0;
+        m_mediaNumberOfChannel = 0;
+        m_mediaBytesPerSample = 0;
+        return;
+    }
+    m_mediaSampleFormat = m_dataProvider->sampleFormat();
+    m_mediaSamplerate = m_dataProvider->samplerate();
+    m_mediaNumberOfChannel = m_dataProvider->numberOfChannel();
+    m_mediaBytesPerSample = static_cast<int64_t>(KRAudioFrame2::bytesForSampleFormat(m_mediaSampleFormat)) *
+                            m_mediaNumberOfChannel;
+}
+
+uint8_t* VTClipMixContext::readBuffer(size_t bytes)
+{
+    if (m_readBuffer.size() < bytes)
+        m_readBuffer.resize(bytes);
+    return m_readBuffer.data();
+}
+
+VTVolumeEffect* VTClipMixContext::volumeEffect(int32_t sampleFormat, int64_t numberOfChannel)
+{
+    if (!m_volumeEffect && !m_volumeEffectRefused) {
+        m_volumeEffect = VTVolumeEffect::initWithSampleFormat(sampleFormat, numberOfChannel);
+        m_volumeEffectRefused = !m_volumeEffect;
+    }
+    return m_volumeEffect.get();
+}
+
+VTFadeInEffect* VTClipMixContext::fadeInEffect(int64_t start, int64_t count, int32_t sampleFormat,
+                                               int64_t numberOfChannel)
+{
+    if (!m_fadeInEffect || m_fadeInEffect->startIndexAtTrack() != start ||
+        m_fadeInEffect->numberOfSamplesAtTrack() != count)
+        m_fadeInEffect = VTFadeInEffect::initWithIndexOfSample(start, count, sampleFormat, numberOfChannel);
+    return m_fadeInEffect.get();
+}
+
+VTFadeOutEffect* VTClipMixContext::fadeOutEffect(int64_t start, int64_t count, int32_t sampleFormat,
+                                                 int64_t numberOfChannel)
+{
+    if (!m_fadeOutEffect || m_fadeOutEffect->startIndexAtTrack() != start ||
+        m_fadeOutEffect->numberOfSamplesAtTrack() != count)
+        m_fadeOutEffect = VTFadeOutEffect::initWithIndexOfSample(start, count, sampleFormat, numberOfChannel);
+    return m_fadeOutEffect.get();
+}
