@@ -27,6 +27,15 @@ const std::thread::id g_initialThread = std::this_thread::get_id();
 // True on the threads of the global pool.
 thread_local bool t_isPoolWorker = false;
 
+// False, with a log line, for empty work.
+bool acceptWork(const DispatchWork& work, const QString& queue)
+{
+    if (work)
+        return true;
+    logf("%s: empty work ignored", qUtf8Printable(queue));
+    return false;
+}
+
 void nameCurrentThread(const QString& label)
 {
     // Linux limits thread names to 15 bytes; longer names are cut.
@@ -47,10 +56,8 @@ public:
 
     void async(DispatchWork work) override
     {
-        if (!work) {
-            log(QStringLiteral("Global queue: empty work ignored"));
+        if (!acceptWork(work, QStringLiteral("Global queue")))
             return;
-        }
         std::lock_guard<std::mutex> lock(m_mutex);
         m_pending.push_back(std::move(work));
         if (m_idle > 0) {
@@ -63,10 +70,8 @@ public:
 
     void sync(DispatchWork work) override
     {
-        if (!work) {
-            log(QStringLiteral("Global queue: empty work ignored"));
+        if (!acceptWork(work, QStringLiteral("Global queue")))
             return;
-        }
         work();
     }
 
@@ -241,10 +246,8 @@ class MainQueue final : public DispatchQueue {
 public:
     void async(DispatchWork work) override
     {
-        if (!work) {
-            log(QStringLiteral("Main queue: empty work ignored"));
+        if (!acceptWork(work, QStringLiteral("Main queue")))
             return;
-        }
         DispatchWork dropped;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
@@ -273,10 +276,8 @@ public:
 
     void sync(DispatchWork work) override
     {
-        if (!work) {
-            log(QStringLiteral("Main queue: empty work ignored"));
+        if (!acceptWork(work, QStringLiteral("Main queue")))
             return;
-        }
         if (isMainThread()) {
             work();
             return;
@@ -310,26 +311,39 @@ public:
 
     static MainQueue& instance();
 
+    // Called from every QCoreApplication constructor, on the main thread.
+    static void applicationCreated()
+    {
+        MainQueue& queue = instance();
+        std::lock_guard<std::mutex> lock(queue.m_mutex);
+        queue.attachLocked(QCoreApplication::instance());
+    }
+
 private:
     enum class Phase { WithoutApplication, Running, Finished };
 
-    // Running when an application object exists. Only the main thread looks
-    // for a new application object once the previous one has gone.
+    // Running once an application object exists. The application's
+    // constructor announces it; the check here covers only an application
+    // that was made before this queue was first used, and only on the main
+    // thread, where reading the application pointer cannot race with its
+    // construction. A finished queue stays finished until the next
+    // constructor announces a new application.
     bool attachApplicationLocked()
     {
-        if (m_phase == Phase::Running)
-            return true;
-        if (m_phase == Phase::Finished && !isMainThread())
-            return false;
-        QCoreApplication* application = QCoreApplication::instance();
-        if (!application)
-            return false;
+        if (m_phase == Phase::WithoutApplication && isMainThread())
+            attachLocked(QCoreApplication::instance());
+        return m_phase == Phase::Running;
+    }
+
+    void attachLocked(QCoreApplication* application)
+    {
+        if (!application || (m_phase == Phase::Running && m_application == application))
+            return;
         m_application = application;
         m_phase = Phase::Running;
         qAddPostRoutine(&MainQueue::applicationWillBeDestroyed);
         for (size_t index = 0; index < m_pending.size(); ++index)
             postTickLocked();
-        return true;
     }
 
     void postTickLocked()
@@ -382,6 +396,12 @@ MainQueue& MainQueue::instance()
     static MainQueue* queue = new MainQueue();
     return *queue;
 }
+
+void announceApplication()
+{
+    MainQueue::applicationCreated();
+}
+Q_COREAPP_STARTUP_FUNCTION(announceApplication)
 
 // Processes Qt events until at least one batch was handled or `milliseconds` passed.
 void processEventsFor(int64_t milliseconds)
@@ -483,10 +503,8 @@ SerialQueue::~SerialQueue()
 
 void SerialQueue::async(DispatchWork work)
 {
-    if (!work) {
-        logf("Serial queue %s: empty work ignored", qUtf8Printable(m_label));
+    if (!acceptWork(work, QStringLiteral("Serial queue ") + m_label))
         return;
-    }
     if (!m_worker.joinable()) {
         work();
         return;
@@ -498,10 +516,8 @@ void SerialQueue::async(DispatchWork work)
 
 void SerialQueue::sync(DispatchWork work)
 {
-    if (!work) {
-        logf("Serial queue %s: empty work ignored", qUtf8Printable(m_label));
+    if (!acceptWork(work, QStringLiteral("Serial queue ") + m_label))
         return;
-    }
     if (isCurrent()) {
         logf("Serial queue %s: sync from its own work would deadlock; running it inline",
              qUtf8Printable(m_label));
@@ -594,10 +610,8 @@ void DispatchGroup::leave()
 
 void DispatchGroup::async(DispatchQueue& queue, DispatchWork work)
 {
-    if (!work) {
-        log(QStringLiteral("DispatchGroup: empty work ignored"));
+    if (!acceptWork(work, QStringLiteral("DispatchGroup")))
         return;
-    }
     enter();
     auto leaver = std::make_shared<GroupLeaver>(*this);
     queue.async([work = std::move(work), leaver]() mutable {
@@ -624,10 +638,8 @@ bool DispatchGroup::waitFor(int64_t milliseconds)
 
 void DispatchGroup::notify(DispatchQueue& queue, DispatchWork work)
 {
-    if (!work) {
-        log(QStringLiteral("DispatchGroup: empty notification ignored"));
+    if (!acceptWork(work, QStringLiteral("DispatchGroup notification")))
         return;
-    }
     {
         std::lock_guard<std::mutex> lock(m_state->mutex);
         if (m_state->count > 0) {
