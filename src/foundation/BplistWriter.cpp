@@ -195,9 +195,8 @@ BplistWriter::Ref BplistWriter::addDate(double secondsSinceReferenceDate)
 
 BplistWriter::Ref BplistWriter::addString(const QString& value)
 {
-    const auto known = m_strings.constFind(value);
-    if (known != m_strings.constEnd())
-        return known.value();
+    if (const Ref* known = m_strings.find(value))
+        return *known;
 
     const char16_t* units = reinterpret_cast<const char16_t*>(value.utf16());
     const size_t count = static_cast<size_t>(value.size());

@@ -18,8 +18,9 @@
 // Not thread-safe.
 #pragma once
 
+#include "foundation/BplistStringTable.h"
+
 #include <QByteArray>
-#include <QHash>
 #include <QString>
 
 #include <cstdint>
@@ -77,7 +78,7 @@ private:
     std::vector<Object> m_objects;
     std::vector<char> m_bytes;
     std::vector<Ref> m_refs;
-    QHash<QString, Ref> m_strings;
+    BplistStringTable<Ref> m_strings;
 };
 
 }  // namespace brindle

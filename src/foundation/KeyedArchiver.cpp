@@ -6,11 +6,10 @@
 // dictionary, which was reserved first so that it is the top object 0.
 #include "foundation/KeyedCoding.h"
 
+#include "foundation/BplistStringTable.h"
 #include "foundation/BplistWriter.h"
 #include "foundation/KeyedStandard.h"
 #include "foundation/Log.h"
-
-#include <QHash>
 
 #include <typeinfo>
 #include <unordered_map>
@@ -72,11 +71,11 @@ private:
 struct KeyedArchiver::State {
     BplistWriter writer;
     Ref rootRef = kUnset;
-    std::vector<Ref> slots;    // `$objects`: slot → property-list object
+    std::vector<Ref> slotRefs;    // `$objects`: slot → property-list object
     std::vector<Ref> uidRefs;  // slot → its UID object, made on first reference
     std::unordered_map<const void*, uint32_t> objectSlots;  // uniquing by identity
-    QHash<QString, uint32_t> stringSlots;                   // immutable strings by value
-    QHash<QString, uint32_t> classSlots;                    // class dictionaries by name
+    BplistStringTable<uint32_t> stringSlots;  // immutable strings by value
+    BplistStringTable<uint32_t> classSlots;   // class dictionaries by name
     std::vector<ConstKeyedObjectPtr> keepAlive;  // so that no address is reused while encoding
     // The fields of the objects being encoded, stacked; frameStarts.front()
     // is `$top`.
@@ -117,14 +116,14 @@ struct KeyedArchiver::State {
 
     uint32_t allocateSlot()
     {
-        slots.push_back(kUnset);
-        return static_cast<uint32_t>(slots.size() - 1);
+        slotRefs.push_back(kUnset);
+        return static_cast<uint32_t>(slotRefs.size() - 1);
     }
 
     Ref uidRef(uint32_t slot)
     {
         if (slot >= uidRefs.size())
-            uidRefs.resize(slots.size(), kUnset);
+            uidRefs.resize(slotRefs.size(), kUnset);
         if (uidRefs[slot] == kUnset)
             uidRefs[slot] = writer.addUID(slot);
         return uidRefs[slot];
@@ -132,11 +131,10 @@ struct KeyedArchiver::State {
 
     uint32_t stringSlot(const QString& value)
     {
-        const auto known = stringSlots.constFind(value);
-        if (known != stringSlots.constEnd())
-            return known.value();
+        if (const uint32_t* known = stringSlots.find(value))
+            return *known;
         const uint32_t slot = allocateSlot();
-        slots[slot] = writer.addString(value);
+        slotRefs[slot] = writer.addString(value);
         stringSlots.insert(value, slot);
         return slot;
     }
@@ -144,9 +142,8 @@ struct KeyedArchiver::State {
     uint32_t classSlot(const KeyedCoding& object)
     {
         const QString name = object.classNameForArchive();
-        const auto known = classSlots.constFind(name);
-        if (known != classSlots.constEnd())
-            return known.value();
+        if (const uint32_t* known = classSlots.find(name))
+            return *known;
         QStringList chain = object.classChainForArchive();
         if (chain.isEmpty())
             chain = {name, QStringLiteral("NSObject")};
@@ -157,7 +154,7 @@ struct KeyedArchiver::State {
         const Ref keys[] = {writer.addString(QStringLiteral("$classname")), writer.addString(QStringLiteral("$classes"))};
         const Ref values[] = {writer.addString(name), writer.addArray(chainRefs.data(), chainRefs.size())};
         const uint32_t slot = allocateSlot();
-        slots[slot] = writer.addDictionary(keys, values, 2);
+        slotRefs[slot] = writer.addDictionary(keys, values, 2);
         classSlots.insert(name, slot);
         return slot;
     }
@@ -187,7 +184,7 @@ KeyedArchiver::KeyedArchiver() : m_state(std::make_unique<State>())
 {
     State& s = *m_state;
     s.rootRef = s.writer.reserve();
-    s.slots.push_back(s.writer.addString(QStringLiteral("$null")));
+    s.slotRefs.push_back(s.writer.addString(QStringLiteral("$null")));
     s.frameStarts.push_back(0);
 }
 
@@ -240,13 +237,13 @@ uint32_t KeyedArchiver::State::slotForObject(KeyedArchiver& archiver, const Keye
             s.keepAlive.push_back(*keep);
     }
     if (type == typeid(KeyedNumber)) {
-        s.slots[slot] = s.numberRef(static_cast<const KeyedNumber&>(*object));
+        s.slotRefs[slot] = s.numberRef(static_cast<const KeyedNumber&>(*object));
         return slot;
     }
     if (type == typeid(KeyedData)) {
         const auto& data = static_cast<const KeyedData&>(*object);
         if (!data.isMutable()) {
-            s.slots[slot] = s.writer.addData(data.data());
+            s.slotRefs[slot] = s.writer.addData(data.data());
             return slot;
         }
     }
@@ -256,7 +253,7 @@ uint32_t KeyedArchiver::State::slotForObject(KeyedArchiver& archiver, const Keye
     object->encodeWithCoder(archiver);
     s.addEntry(s.writer.addString(classKey()), s.uidRef(s.classSlot(*object)));
     const size_t count = s.entryKeys.size() - start;
-    s.slots[slot] = s.writer.addDictionary(s.entryKeys.data() + start, s.entryValues.data() + start, count);
+    s.slotRefs[slot] = s.writer.addDictionary(s.entryKeys.data() + start, s.entryValues.data() + start, count);
     s.entryKeys.resize(start);
     s.entryValues.resize(start);
     s.frameStarts.pop_back();
@@ -318,7 +315,7 @@ void KeyedArchiver::encodeData(const QByteArray& value, const QString& key)
 {
     State& s = *m_state;
     const uint32_t slot = s.allocateSlot();
-    s.slots[slot] = s.writer.addData(value);
+    s.slotRefs[slot] = s.writer.addData(value);
     s.addEntry(s.keyRef(key), s.uidRef(slot));
 }
 
@@ -375,13 +372,13 @@ QByteArray KeyedArchiver::finishEncoding()
         return {};
     }
     const Ref top = s.writer.addDictionary(s.entryKeys.data(), s.entryValues.data(), s.entryKeys.size());
-    for (Ref slot : s.slots) {
+    for (Ref slot : s.slotRefs) {
         if (slot == kUnset) {
             log(QStringLiteral("Keyed archiver: an object slot was never written"));
             return {};
         }
     }
-    const Ref objects = s.writer.addArray(s.slots.data(), s.slots.size());
+    const Ref objects = s.writer.addArray(s.slotRefs.data(), s.slotRefs.size());
     const Ref keys[] = {
         s.writer.addString(QStringLiteral("$version")),
         s.writer.addString(QStringLiteral("$archiver")),
