@@ -169,24 +169,23 @@ private:
     }
 
     // {"CF$UID": n} is how the XML form writes a UID.
-    std::optional<Ref> convertUID(plist_t node)
+    static plist_t uidValue(plist_t node)
     {
         if (plist_dict_get_size(node) != 1)
-            return std::nullopt;
+            return nullptr;
         plist_t value = plist_dict_get_item(node, "CF$UID");
-        if (!value || plist_get_node_type(value) != PLIST_UINT)
-            return std::nullopt;
-        uint64_t uid = 0;
-        plist_get_uint_val(value, &uid);
-        if (uid > std::numeric_limits<uint32_t>::max())
-            return std::nullopt;
-        return writer.addUID(static_cast<uint32_t>(uid));
+        return value && plist_get_node_type(value) == PLIST_UINT ? value : nullptr;
     }
 
     std::optional<Ref> convertDictionary(plist_t node, int depth)
     {
-        if (const auto uid = convertUID(node))
-            return uid;
+        if (plist_t value = uidValue(node)) {
+            uint64_t uid = 0;
+            plist_get_uint_val(value, &uid);
+            if (uid > std::numeric_limits<uint32_t>::max())
+                return std::nullopt;
+            return writer.addUID(static_cast<uint32_t>(uid));
+        }
         std::vector<Ref> keys;
         std::vector<Ref> values;
         plist_dict_iter iterator = nullptr;

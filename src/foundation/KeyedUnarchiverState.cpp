@@ -335,8 +335,9 @@ Decoded KeyedUnarchiver::State::decodeSlot(KeyedUnarchiver& coder, uint32_t uid,
         }
     }
     if (static_cast<int>(frames.size()) > kMaxDepth) {
+        // The limit makes the deeper object nil; what holds it stays intact.
         problem(QStringLiteral("objects are nested deeper than %1").arg(kMaxDepth));
-        return {Outcome::Damaged, nullptr};
+        return {Outcome::Nil, nullptr};
     }
 
     slotAt(uid).state = SlotState::InProgress;
