@@ -31,7 +31,7 @@ constexpr int kMaxLoggedProblems = 8;
 constexpr int kMaxXmlDepth = 32;  // an archive is at most five containers deep
 constexpr qsizetype kMaxClassChain = 64;
 constexpr uint64_t kBaseWorkBudget = 1'000'000;
-constexpr uint64_t kWorkPerByte = 64;
+constexpr uint64_t kWorkPerByte = 16;  // real archives need a few units per byte
 
 enum class SlotState : uint8_t { Untouched, InProgress, Done, Failed, Damaged };
 
