@@ -159,6 +159,9 @@ public:
     // Decodes `$top["root"]` generically: standard classes and registered classes only.
     static KeyedObjectPtr unarchiveObjectWithData(const QByteArray& data);
 
+    // Whether the current object has the key (a nil object counts). Keys that
+    // begin with '$' are looked up escaped, as the archiver stores them; the
+    // generic keys of unkeyed encoding ("$0", "$1", …) are also found as they are.
     bool containsValueForKey(const QString& key) const;
 
     // A typed object reference: null when absent, nil, of another class, or damaged.
@@ -209,6 +212,9 @@ public:
     // A value of the wrong kind (a real where an integer is expected, a UID where
     // a scalar is expected, an integer that does not fit) gives the default and
     // marks the unarchiver as having met damage (`hasDecodingError`).
+    // Integer readers take any stored integer that fits, and a boolean as 0/1;
+    // the boolean reader also takes the integers 0 and 1; real readers take
+    // 4- and 8-byte reals (a float reader refuses a double beyond float range).
     bool decodeBoolForKey(const QString& key);
     int32_t decodeInt32ForKey(const QString& key);
     int64_t decodeInt64ForKey(const QString& key);
