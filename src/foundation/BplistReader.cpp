@@ -310,11 +310,4 @@ QByteArray BplistReader::data(const BplistObject& object) const
     return QByteArray(reinterpret_cast<const char*>(m_bytes + object.payload), static_cast<qsizetype>(object.count));
 }
 
-const char* BplistReader::dataPointer(const BplistObject& object) const
-{
-    if (object.type != BplistType::Data)
-        return nullptr;
-    return reinterpret_cast<const char*>(m_bytes + object.payload);
-}
-
 }  // namespace brindle

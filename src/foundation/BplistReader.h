@@ -93,8 +93,6 @@ public:
     bool stringEquals(const BplistObject& object, QStringView text, bool extraDollar = false) const;
     // A data object's bytes (copied).
     QByteArray data(const BplistObject& object) const;
-    // A data object's bytes in place.
-    const char* dataPointer(const BplistObject& object) const;
 
 private:
     uint64_t readUnsigned(uint64_t at, unsigned width) const;
