@@ -40,7 +40,7 @@ QString VTProject::title() const
 int64_t VTProject::duration() const
 {
     int64_t duration = 0;
-    for (const auto& track : *tracks())
+    for (const auto trackList = tracks(); const auto& track : *trackList)
         duration = std::max(duration, track->duration());
     return duration;
 }
@@ -85,7 +85,7 @@ int64_t VTProject::indexOfTrack(const std::shared_ptr<VTTrack>& track) const
 
 std::shared_ptr<VTClip> VTProject::clipWithIdentifier(const QString& identifier) const
 {
-    for (const auto& track : *tracks()) {
+    for (const auto trackList = tracks(); const auto& track : *trackList) {
         if (auto clip = track->clipWithIdentifier(identifier))
             return clip;
     }
@@ -94,7 +94,7 @@ std::shared_ptr<VTClip> VTProject::clipWithIdentifier(const QString& identifier)
 
 std::shared_ptr<VTTrack> VTProject::trackWithClipIds(const QString& identifier) const
 {
-    for (const auto& track : *tracks()) {
+    for (const auto trackList = tracks(); const auto& track : *trackList) {
         if (track->clipWithIdentifier(identifier))
             return track;
     }

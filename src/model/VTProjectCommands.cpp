@@ -125,8 +125,8 @@ bool VTProject::delete_()
 bool VTProject::selectAll()
 {
     bool added = false;
-    for (const auto& track : *tracks()) {
-        for (const auto& clip : *track->clips()) {
+    for (const auto trackList = tracks(); const auto& track : *trackList) {
+        for (const auto clipList = track->clips(); const auto& clip : *clipList) {
             if (m_selections.contains(clip->identifier()))
                 continue;
             m_selections.append(clip->identifier());

@@ -47,7 +47,7 @@ std::shared_ptr<VTTrack> VTTrack::clone() const
 {
     auto copy = std::make_shared<VTTrack>();
     ClipList clones;
-    for (const auto& clip : *clips()) {
+    for (const auto clipList = clips(); const auto& clip : *clipList) {
         if (auto cloned = clip->clone())
             clones.push_back(std::move(cloned));
     }
@@ -63,7 +63,7 @@ int64_t VTTrack::numberOfClips() const
 int64_t VTTrack::duration() const
 {
     int64_t duration = 0;
-    for (const auto& clip : *clips())
+    for (const auto clipList = clips(); const auto& clip : *clipList)
         duration = std::max(duration, clipEnd(*clip));
     return duration;
 }
@@ -144,7 +144,7 @@ void VTTrack::replaceClip(const std::shared_ptr<VTClip>& clip, std::shared_ptr<V
 
 std::shared_ptr<VTClip> VTTrack::clipWithIdentifier(const QString& identifier) const
 {
-    for (const auto& clip : *clips()) {
+    for (const auto clipList = clips(); const auto& clip : *clipList) {
         if (clip->identifier() == identifier)
             return clip;
     }
@@ -154,7 +154,7 @@ std::shared_ptr<VTClip> VTTrack::clipWithIdentifier(const QString& identifier) c
 VTTrack::ClipList VTTrack::clipsWithIdentifiers(const QStringList& identifiers) const
 {
     ClipList found;
-    for (const auto& clip : *clips()) {
+    for (const auto clipList = clips(); const auto& clip : *clipList) {
         if (identifiers.contains(clip->identifier()))
             found.push_back(clip);
     }
@@ -164,7 +164,7 @@ VTTrack::ClipList VTTrack::clipsWithIdentifiers(const QStringList& identifiers) 
 std::vector<int64_t> VTTrack::attractAfterTimestampsWithClip(const VTClip& clip) const
 {
     std::vector<int64_t> timestamps{0};
-    for (const auto& each : *clips()) {
+    for (const auto clipList = clips(); const auto& each : *clipList) {
         if (each->identifier() != clip.identifier())
             timestamps.push_back(each->timestampOfTrack());
     }
@@ -174,7 +174,7 @@ std::vector<int64_t> VTTrack::attractAfterTimestampsWithClip(const VTClip& clip)
 std::vector<int64_t> VTTrack::attractBeforeTimestampsWithClip(const VTClip& clip) const
 {
     std::vector<int64_t> timestamps{0};
-    for (const auto& each : *clips()) {
+    for (const auto clipList = clips(); const auto& each : *clipList) {
         if (each->identifier() != clip.identifier())
             timestamps.push_back(clipEnd(*each));
     }
