@@ -1,13 +1,17 @@
 #include "foundation/Dispatch.h"
 
 #include "foundation/Log.h"
+#include "support/TestEnvironment.h"
 
 #include <gtest/gtest.h>
 
+#include <QCoreApplication>
+#include <QDir>
 #include <QStringList>
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -329,4 +333,53 @@ TEST(DispatchGroupTest, UnbalancedLeaveIsLoggedAndIgnored)
     group.leave();
     EXPECT_TRUE(group.waitFor(0));
     EXPECT_EQ(capture.lines().size(), 1);
+}
+
+// These run in a child process (a fresh copy of the test program), because
+// they end it. The child leaves before its test environment is destroyed, so
+// it removes its temporary folder itself.
+namespace {
+void removeChildTestFolder()
+{
+    QDir(test::TestEnvironment::current().root()).removeRecursively();
+}
+}  // namespace
+
+TEST(DispatchShutdownDeathTest, ExitDoesNotWaitForBusyOrIdlePoolThreads)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            globalQueue().async([] {
+                for (;;)
+                    std::this_thread::sleep_for(10ms);
+            });
+            DispatchGroup group;
+            group.async(globalQueue(), [] {});
+            group.wait();
+            removeChildTestFolder();
+            std::exit(3);
+        },
+        testing::ExitedWithCode(3), "");
+}
+
+TEST(DispatchShutdownDeathTest, DestroyingTheApplicationReleasesThreadsWaitingOnTheMainQueue)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            std::atomic<bool> ran {false};
+            std::thread waiter([&] { mainQueue().sync([&] { ran = true; }); });
+            // Let the waiter queue its work; the main thread never runs it.
+            std::this_thread::sleep_for(50ms);
+            QCoreApplication* application = QCoreApplication::instance();
+            application->~QCoreApplication();
+            waiter.join();
+            // Work submitted after the application has gone is dropped, not queued.
+            std::thread late([] { mainQueue().sync([] {}); });
+            late.join();
+            removeChildTestFolder();
+            std::_Exit(ran ? 1 : 4);
+        },
+        testing::ExitedWithCode(4), "dropped");
 }
