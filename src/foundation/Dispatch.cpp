@@ -443,15 +443,20 @@ bool runMainQueueUntil(const std::function<bool()>& done, int64_t timeoutMillise
     }
     // Wake up at least this often to ask `done`, which may change without an event.
     constexpr int64_t kPollMilliseconds = 10;
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(std::max<int64_t>(0, timeoutMilliseconds));
+    // A limit beyond a year is no limit: adding it to the clock would overflow.
+    constexpr int64_t kNoLimitMilliseconds = int64_t(365) * 24 * 3600 * 1000;
+    const bool limited = timeoutMilliseconds < kNoLimitMilliseconds;
+    const Clock::time_point deadline =
+        Clock::now() + std::chrono::milliseconds(limited ? std::max<int64_t>(0, timeoutMilliseconds) : 0);
     MainQueue& queue = MainQueue::instance();
     for (;;) {
         if (done())
             return true;
         const Clock::time_point now = Clock::now();
-        if (now >= deadline)
+        if (limited && now >= deadline)
             return done();
-        const int64_t remaining = std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
+        const int64_t remaining =
+            limited ? std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count() : kPollMilliseconds;
         const int64_t slice = std::clamp<int64_t>(remaining, 1, kPollMilliseconds);
         if (queue.attachApplication())
             processEventsFor(slice);

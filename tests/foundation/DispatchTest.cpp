@@ -206,6 +206,17 @@ TEST(MainQueueTest, RunUntilAnswersFalseWhenTimeRunsOut)
     EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
 }
 
+TEST(MainQueueTest, RunUntilWithTheLargestLimitWaitsForTheCondition)
+{
+    std::atomic<bool> done {false};
+    std::thread worker([&] {
+        std::this_thread::sleep_for(30ms);
+        mainQueue().async([&] { done = true; });
+    });
+    EXPECT_TRUE(runMainQueueUntil([&] { return done.load(); }, INT64_MAX));
+    worker.join();
+}
+
 TEST(GlobalQueueTest, RunsWorkOffTheMainThreadAndSyncFromAPoolThreadRunsInline)
 {
     std::atomic<bool> offMain {false};
