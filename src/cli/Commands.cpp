@@ -34,6 +34,9 @@ QString providerLine(const VTDataProvider& provider)
 
 void printLine(FILE* stream, const QString& line)
 {
+    // Keep the order of the two streams when both go to one terminal or file.
+    if (stream == stderr)
+        std::fflush(stdout);
     const QByteArray bytes = line.toUtf8();
     std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stream);
     std::fputc('\n', stream);
