@@ -93,23 +93,38 @@ int64_t readAt(const QString& path, char* out, int64_t length, int64_t offset)
 {
     if (length <= 0 || offset < 0)
         return 0;
-    const int fd = openRetrying(path, O_RDONLY);
+    const int fd = openForReading(path);
     if (fd < 0)
         return -1;
+    const int64_t got = readAtDescriptor(fd, out, length, offset);
+    if (got < 0) {
+        closeKeepingErrno(fd);
+        return -1;
+    }
+    ::close(fd);
+    return got;
+}
+
+int openForReading(const QString& path)
+{
+    return openRetrying(path, O_RDONLY);
+}
+
+int64_t readAtDescriptor(int fd, char* out, int64_t length, int64_t offset)
+{
+    if (length <= 0 || offset < 0)
+        return 0;
     int64_t got = 0;
     while (got < length) {
         const ssize_t step = ::pread(fd, out + got, size_t(length - got), off_t(offset + got));
         if (step < 0 && errno == EINTR)
             continue;
-        if (step < 0) {
-            closeKeepingErrno(fd);
+        if (step < 0)
             return -1;
-        }
         if (step == 0)
             break;
         got += step;
     }
-    ::close(fd);
     return got;
 }
 
@@ -118,6 +133,14 @@ int64_t fileSize(const QString& path)
     const QByteArray native = nativePath(path);
     struct stat info {};
     if (native.isEmpty() || ::stat(native.constData(), &info) != 0)
+        return -1;
+    return int64_t(info.st_size);
+}
+
+int64_t descriptorSize(int fd)
+{
+    struct stat info {};
+    if (::fstat(fd, &info) != 0)
         return -1;
     return int64_t(info.st_size);
 }

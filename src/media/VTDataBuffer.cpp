@@ -7,6 +7,8 @@
 
 #include <QFileInfo>
 
+#include <unistd.h>
+
 #include <algorithm>
 
 namespace {
@@ -33,7 +35,26 @@ VTDataBuffer::VTDataBuffer(const QString& cacheFile) : m_dataBufferFile(cacheFil
 
 VTDataBuffer::VTDataBuffer(const QString& cacheFile, FromArchive) : m_dataBufferFile(cacheFile) {}
 
-VTDataBuffer::~VTDataBuffer() = default;
+VTDataBuffer::~VTDataBuffer()
+{
+    const int fd = m_readDescriptor.load();
+    if (fd >= 0)
+        ::close(fd);
+}
+
+int VTDataBuffer::readDescriptor() const
+{
+    int fd = m_readDescriptor.load(std::memory_order_acquire);
+    if (fd >= 0)
+        return fd;
+    std::lock_guard lock(m_readDescriptorMutex);
+    fd = m_readDescriptor.load(std::memory_order_relaxed);
+    if (fd < 0) {
+        fd = brindle::cachefile::openForReading(m_dataBufferFile);
+        m_readDescriptor.store(fd, std::memory_order_release);
+    }
+    return fd;
+}
 
 std::shared_ptr<VTDataBuffer> VTDataBuffer::initWithCacheFile(const QString& cacheFile)
 {
@@ -106,7 +127,9 @@ QByteArray VTDataBuffer::readDataBuffer(uint64_t length, uint64_t offset) const
         // Bounded by the file, so a damaged length never allocates more than exists.
         const uint64_t wanted = std::min(length, fileLength - offset);
         result.resize(qsizetype(wanted));
-        const int64_t got = brindle::cachefile::readAt(m_dataBufferFile, result.data(), int64_t(wanted), int64_t(offset));
+        const int fd = readDescriptor();
+        const int64_t got = fd >= 0 ? brindle::cachefile::readAtDescriptor(fd, result.data(), int64_t(wanted), int64_t(offset))
+                                    : -1;
         result.truncate(qsizetype(std::max<int64_t>(got, 0)));
         const uint64_t missing = length - uint64_t(result.size());
         if (missing > 0 && held > 0)
@@ -121,6 +144,9 @@ QByteArray VTDataBuffer::readDataBuffer(uint64_t length, uint64_t offset) const
 
 uint64_t VTDataBuffer::length() const
 {
+    const int fd = m_readDescriptor.load(std::memory_order_acquire);
+    if (fd >= 0)
+        return uint64_t(std::max<int64_t>(brindle::cachefile::descriptorSize(fd), 0));
     return uint64_t(std::max<int64_t>(brindle::cachefile::fileSize(m_dataBufferFile), 0));
 }
 

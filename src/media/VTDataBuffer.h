@@ -16,9 +16,11 @@
 //   first, so an archived buffer names a complete file. Decoding fails (null,
 //   "Warning: miss cache file(%@).") when no file exists at the path.
 // - The file is never deleted here; `clearCache` only empties it.
-// - Threads: no lock. Writes (decoding) and reads never overlap. Reads may run
-//   from several threads at once: each opens the file for itself and reads by
-//   position. The queue is for callers that want to serialise their own work.
+// - Threads: writes (decoding) and reads never overlap. Reads may run from
+//   several threads at once: the first read opens the file once, read-only,
+//   and every read after it reads by position on that descriptor (a mixer
+//   pulling eight tracks would otherwise open and close the file for every
+//   frame). The descriptor is closed with the buffer. The queue is for callers that want to serialise their own work.
 #pragma once
 
 #include "foundation/Dispatch.h"
@@ -27,6 +29,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -83,11 +86,17 @@ private:
     VTDataBuffer(const QString& cacheFile, FromArchive);
 
     bool appendHeldToFile() const;
+    // The shared read-only descriptor, opened on first use; -1 when the file
+    // cannot be opened (then each read tries again).
+    int readDescriptor() const;
 
     const QString m_dataBufferFile;
     // Mutable so that encoding (a const operation that leaves the logical stream
     // unchanged) can move the held bytes into the file.
     mutable QByteArray m_cacheDataBuffer;
+    // Written once under m_readDescriptorMutex, read by every reading thread.
+    mutable std::atomic<int> m_readDescriptor{-1};
+    mutable std::mutex m_readDescriptorMutex;
     std::once_flag m_queueOnce;
     std::unique_ptr<brindle::SerialQueue> m_dataBufferQueue;
 };

@@ -66,34 +66,6 @@ QByteArray VTMixOperation::bufferWithLength(int64_t length)
     return QByteArray(static_cast<qsizetype>(length), '\0');
 }
 
-int16_t VTMixOperation::mixSample16(int32_t a, int32_t b)
-{
-    int32_t mixed;
-    if (a < 0 && b < 0)
-        mixed = a + b + (a * b) / 32768;
-    else if (a > 0 && b > 0)
-        mixed = a + b - (a * b) / 32767;
-    else
-        mixed = a + b;
-    if (mixed >= 32768)
-        return 32767;
-    if (mixed < -32767)
-        return -32768;
-    return static_cast<int16_t>(mixed);
-}
-
-float VTMixOperation::mixSampleFloat(float a, float b)
-{
-    float mixed;
-    if (a < 0.0f && b < 0.0f)
-        mixed = a * b + (a + b);
-    else if (a > 0.0f && b > 0.0f)
-        mixed = a + b - a * b;
-    else
-        mixed = a + b;
-    return std::clamp(mixed, -1.0f, 1.0f);
-}
-
 void VTMixOperation::startMixWithContext(VTMixContext& context)
 {
     if (m_source1)

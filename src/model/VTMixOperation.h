@@ -20,6 +20,7 @@
 
 #include <QByteArray>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -60,3 +61,32 @@ private:
     std::vector<uint8_t> m_bufferA;
     std::vector<uint8_t> m_bufferB;
 };
+
+// Defined here so that the per-sample loops of the mixer inline them.
+inline int16_t VTMixOperation::mixSample16(int32_t a, int32_t b)
+{
+    int32_t mixed;
+    if (a < 0 && b < 0)
+        mixed = a + b + (a * b) / 32768;
+    else if (a > 0 && b > 0)
+        mixed = a + b - (a * b) / 32767;
+    else
+        mixed = a + b;
+    if (mixed >= 32768)
+        return 32767;
+    if (mixed < -32767)
+        return -32768;
+    return static_cast<int16_t>(mixed);
+}
+
+inline float VTMixOperation::mixSampleFloat(float a, float b)
+{
+    float mixed;
+    if (a < 0.0f && b < 0.0f)
+        mixed = a * b + (a + b);
+    else if (a > 0.0f && b > 0.0f)
+        mixed = a + b - a * b;
+    else
+        mixed = a + b;
+    return std::clamp(mixed, -1.0f, 1.0f);
+}

@@ -5,6 +5,7 @@
 #include "foundation/VTBaseDefine.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 namespace {
@@ -23,6 +24,18 @@ void gainUnsigned8(uint8_t* samples, int64_t count, double gain)
 
 void gainSigned16(uint8_t* bytes, int64_t count, double gain)
 {
+    if (std::isfinite(gain)) {
+        // A finite gain never makes NaN, so the product only needs clamping
+        // before the truncating conversion: the same result without branches.
+        for (int64_t i = 0; i < count; ++i) {
+            int16_t x;
+            std::memcpy(&x, bytes + i * 2, sizeof x);
+            const double product = std::min(std::max(static_cast<double>(x) * gain, -32768.0), 32767.0);
+            const int16_t y = static_cast<int16_t>(product);
+            std::memcpy(bytes + i * 2, &y, sizeof y);
+        }
+        return;
+    }
     for (int64_t i = 0; i < count; ++i) {
         int16_t x;
         std::memcpy(&x, bytes + i * 2, sizeof x);
