@@ -295,7 +295,7 @@ bool BplistReader::stringEquals(const BplistObject& object, QStringView text, bo
     };
     if (extraDollar && unitAt(0) != u'$')
         return false;
-    const char16_t* expected = reinterpret_cast<const char16_t*>(text.utf16());
+    const char16_t* expected = reinterpret_cast<const char16_t*>(text.constData());
     for (uint64_t i = 0; i < static_cast<uint64_t>(text.size()); ++i) {
         if (unitAt(i + prefix) != expected[i])
             return false;

@@ -2,6 +2,10 @@
 // strings of a typical archive (keys, class names): up to kLinearLimit entries
 // it is a flat list searched linearly, which needs no hashing and one
 // allocation; beyond that a hash index is added.
+//
+// Characters are read with constData(), never utf16(): utf16() reallocates a
+// string made from a literal, which would write to the key constants that
+// every thread's archiver shares.
 #pragma once
 
 #include <QHashFunctions>
@@ -29,7 +33,7 @@ public:
             const size_t bytes = static_cast<size_t>(key.size()) * sizeof(char16_t);
             for (const auto& entry : m_entries)
                 if (entry.first.size() == key.size() &&
-                    (bytes == 0 || std::memcmp(entry.first.utf16(), key.utf16(), bytes) == 0))
+                    (bytes == 0 || std::memcmp(entry.first.constData(), key.utf16(), bytes) == 0))
                     return &entry.second;
             return nullptr;
         }

@@ -198,7 +198,7 @@ BplistWriter::Ref BplistWriter::addString(const QString& value)
     if (const Ref* known = m_strings.find(value))
         return *known;
 
-    const char16_t* units = reinterpret_cast<const char16_t*>(value.utf16());
+    const char16_t* units = reinterpret_cast<const char16_t*>(value.constData());
     const size_t count = static_cast<size_t>(value.size());
     bool ascii = true;
     for (size_t i = 0; i < count && ascii; ++i)

@@ -19,7 +19,7 @@ namespace {
 
 icu::UnicodeString toUnicodeString(const QString& text)
 {
-    return icu::UnicodeString(reinterpret_cast<const UChar*>(text.utf16()), static_cast<int32_t>(text.size()));
+    return icu::UnicodeString(reinterpret_cast<const UChar*>(text.constData()), static_cast<int32_t>(text.size()));
 }
 
 QString fromUnicodeString(const icu::UnicodeString& text)
