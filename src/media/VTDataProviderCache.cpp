@@ -12,6 +12,7 @@
 #include <QFileInfo>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <limits>
@@ -75,16 +76,45 @@ private:
     int64_t m_lastReported = 0;
 };
 
-// The frame most recently inflated by this thread, so that consecutive reads
+// The frames most recently inflated by this thread, so that consecutive reads
 // that share a frame (a mixer pulling 512 samples from 1152-sample frames)
-// inflate it once. Keyed by a serial number that is never reused, so a cache
-// entry can never be mistaken for another provider's or an older table's.
+// inflate it once. A mixer pulls several tracks in turn on one thread, so a
+// few frames are kept, one per recently read stream, replaced in rotation.
+// Keyed by a serial number that is never reused, so an entry can never be
+// mistaken for another provider's or an older table's.
 struct RecentFrame {
     uint64_t tableSerial = 0;
     size_t position = 0;
     std::shared_ptr<KRAudioFrame2> frame;
 };
-thread_local RecentFrame t_recentFrame;
+class RecentFrames {
+public:
+    std::shared_ptr<KRAudioFrame2> find(uint64_t tableSerial, size_t position) const
+    {
+        for (const RecentFrame& entry : m_entries) {
+            if (entry.tableSerial == tableSerial && entry.position == position)
+                return entry.frame;
+        }
+        return nullptr;
+    }
+    void remember(uint64_t tableSerial, size_t position, std::shared_ptr<KRAudioFrame2> frame)
+    {
+        // A stream reading on replaces its own previous frame.
+        for (RecentFrame& entry : m_entries) {
+            if (entry.tableSerial == tableSerial && entry.position + 1 == position) {
+                entry = RecentFrame{tableSerial, position, std::move(frame)};
+                return;
+            }
+        }
+        m_entries[m_next] = RecentFrame{tableSerial, position, std::move(frame)};
+        m_next = (m_next + 1) % m_entries.size();
+    }
+
+private:
+    std::array<RecentFrame, 16> m_entries;
+    size_t m_next = 0;
+};
+thread_local RecentFrames t_recentFrames;
 
 std::atomic<uint64_t> g_nextTableSerial{1};
 
@@ -264,15 +294,12 @@ uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_
             logDamagedRecord(m_cachePathFile, row, "rows out of order");
             break;
         }
-        std::shared_ptr<KRAudioFrame2> frame;
-        RecentFrame& recent = t_recentFrame;
-        if (recent.tableSerial == m_tableSerial && recent.position == *position) {
-            frame = recent.frame;
-        } else {
+        std::shared_ptr<KRAudioFrame2> frame = t_recentFrames.find(m_tableSerial, *position);
+        if (!frame) {
             frame = frameOfRow(row);
             if (!frame)
                 break;
-            recent = RecentFrame{m_tableSerial, *position, frame};
+            t_recentFrames.remember(m_tableSerial, *position, frame);
         }
         const uint64_t skip = index - uint64_t(row.indexOfSamples());
         const uint64_t n = std::min(count - done, uint64_t(row.numberOfSamples()) - skip);

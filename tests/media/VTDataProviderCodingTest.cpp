@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include <algorithm>
 
 using namespace brindle::test;
@@ -136,11 +138,14 @@ TEST(VTDataProviderCodingTest, damagedRecordsEndReadsEarlyWithALogLineInsteadOfC
               whole.mid(qsizetype(uint64_t(later.indexOfSamples()) * bps), qsizetype(7 * bps)));
 
     // A cache file cut short after decoding: reads stop where the file does.
-    // (First a read elsewhere, so that this thread holds no inflated frame 5.)
-    provider->readSampleOfCount(1, 0);
+    // (Read on a new thread, which holds none of the frames this one inflated.)
     ASSERT_TRUE(resizeFile(provider->cachePathFile(), table[5]->offsetOfBuffer() + 10));
-    EXPECT_EQ(provider->readSampleOfCount(provider->numberOfSamples(), uint64_t(table[4]->indexOfSamples())).size(),
-              qsizetype(uint64_t(table[4]->numberOfSamples()) * bps));
+    qsizetype cutRead = -1;
+    std::thread reader([&] {
+        cutRead = provider->readSampleOfCount(provider->numberOfSamples(), uint64_t(table[4]->indexOfSamples())).size();
+    });
+    reader.join();
+    EXPECT_EQ(cutRead, qsizetype(uint64_t(table[4]->numberOfSamples()) * bps));
 }
 
 TEST(VTDataProviderCodingTest, aLegacyProviderIsConvertedOntoItsOldCacheFile)
