@@ -111,14 +111,20 @@ void KRMuxerTask::run(Block block)
     // see the task finished, which breaks the ownership cycle.
     m_dataSource.reset();
     m_result = result;
-    // Completion is reported (or, with a queue, queued) before waiters are
-    // released, so that a waiter knows the block has had its last call.
+    auto markFinished = [this] {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_finished = true;
+        }
+        m_finishedCondition.notify_all();
+    };
+    // A block called on this thread has made its last call before waiters
+    // are released; a queued block finds the task finished when it runs.
+    if (m_callbackQueue)
+        markFinished();
     report(block, KRMuxerTaskActionComplete, QVariant(int(result)));
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_finished = true;
-    }
-    m_finishedCondition.notify_all();
+    if (!m_callbackQueue)
+        markFinished();
 }
 
 int32_t KRMuxerTask::write(const Block& block)

@@ -21,8 +21,9 @@
 //   discarded and the task completes with 1 and "Export cancelled".
 // - The task keeps itself, its data source and its user object alive while
 //   the thread runs; the data source is released when the thread ends.
-//   `waitUntilFinished` blocks until the thread has made its last call of the
-//   block (with a callback queue: until the last call has been queued).
+//   `waitUntilFinished` blocks until the writing is done: without a callback
+//   queue the block has then had its last call; with one, the task is
+//   finished (`isFinished`, `result`) by the time the queued completion runs.
 // - Threads: the data source is called on the writing thread only. `result`,
 //   `errorMessage` and the counters may be read from any thread.
 #pragma once
