@@ -137,6 +137,21 @@ std::shared_ptr<KRAudioFrame2> KRAudioFrame2::initWithAVFrame(const AVFrame* avF
     return initWithSampleFormat(packed, channels, avFrame->sample_rate, samples, std::move(data));
 }
 
+bool KRAudioFrame2::replaceSamples(int32_t numberOfSamples, const void* samples)
+{
+    int64_t bytes = packedByteCount(m_sampleFormat, m_numberOfChannel, m_sampleRate, numberOfSamples);
+    if (bytes < 0 || !samples) {
+        brindle::log(QStringLiteral("KRAudioFrame2: refused to refill a frame with an invalid sample count"));
+        return false;
+    }
+    // resize keeps the capacity (and so the allocation) when it shrinks or
+    // grows within it; the array is not shared, so nothing is detached.
+    m_samples.resize(qsizetype(bytes));
+    std::memcpy(m_samples.data(), samples, size_t(bytes));
+    m_numberOfSamples = numberOfSamples;
+    return true;
+}
+
 int32_t KRAudioFrame2::packedSampleFormat(int32_t sampleFormat)
 {
     if (!isKnownSampleFormat(sampleFormat))

@@ -35,6 +35,14 @@ public:
     static std::shared_ptr<KRAudioFrame2> initWithSampleFormat(int32_t sampleFormat, int64_t numberOfChannel,
                                                                int64_t sampleRate, int32_t numberOfSamples,
                                                                QByteArray samples);
+    // Replaces the samples with `numberOfSamples` interleaved frames of the
+    // same format, channels and rate, copied from `samples`. The storage is
+    // reused when it is large enough, so a producer that recycles one frame
+    // (the export pull) stops allocating after its first block. Only for a
+    // frame that nobody else holds; false (frame unchanged) for a count out
+    // of range or null samples.
+    bool replaceSamples(int32_t numberOfSamples, const void* samples);
+
     // Interleaves a decoded FFmpeg frame (any packed or planar format 0–9).
     static std::shared_ptr<KRAudioFrame2> initWithAVFrame(const AVFrame* frame);
 
