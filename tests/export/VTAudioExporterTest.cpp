@@ -270,8 +270,9 @@ TEST(VTAudioExporter, RefusalsAndWriteFailuresCompleteWithOneAndLeaveNoFile)
     auto first = exporter->exportAduioToFile(folder + QStringLiteral("/one.wav"), 102, {}, nullptr);
     ASSERT_TRUE(first);
     auto second = exporter->exportAduioToFile(folder + QStringLiteral("/two.wav"), 102, {}, nullptr);
-    if (!first->isFinished())
+    if (!first->isFinished()) {
         EXPECT_FALSE(second);
+    }
     ASSERT_TRUE(first->waitUntilFinished(60000));
     EXPECT_EQ(first->result(), 0);
 }
