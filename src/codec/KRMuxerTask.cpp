@@ -35,17 +35,10 @@ KRMuxerTask::KRMuxerTask(std::shared_ptr<KRMuxerContext> context)
 {
 }
 
-KRMuxerTask::~KRMuxerTask()
-{
-    if (!m_thread.joinable())
-        return;
-    // The thread holds the task until its last statement, so the task dies
-    // either on that thread (which then runs on alone) or after it ended.
-    if (m_thread.get_id() == std::this_thread::get_id())
-        m_thread.detach();
-    else
-        m_thread.join();
-}
+// The writing thread is detached: it holds the task until its last
+// statement, so the task is destroyed either on that thread or after it has
+// let go, and nothing has to join it. waitUntilFinished() waits for the end.
+KRMuxerTask::~KRMuxerTask() = default;
 
 void KRMuxerTask::setDataSource(std::shared_ptr<KRMuxerTaskDataSource> dataSource)
 {
@@ -72,10 +65,10 @@ bool KRMuxerTask::startMuxerWithBlock(Block block)
         brindle::log(QStringLiteral("KRMuxerTask: already started"));
         return false;
     }
-    m_thread = std::thread([self = shared_from_this(), block = std::move(block)]() mutable {
+    std::thread([self = shared_from_this(), block = std::move(block)]() mutable {
         self->run(std::move(block));
         self.reset();
-    });
+    }).detach();
     return true;
 }
 

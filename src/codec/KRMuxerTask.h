@@ -113,7 +113,6 @@ private:
     std::shared_ptr<KRMuxerTaskDataSource> m_dataSource;
     std::any m_userObjectContext;
     brindle::DispatchQueue* m_callbackQueue;
-    std::thread m_thread;
     std::atomic<bool> m_started{false};
     std::atomic<bool> m_cancelled{false};
     std::atomic<bool> m_finished{false};
