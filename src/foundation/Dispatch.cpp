@@ -443,7 +443,11 @@ bool runMainQueueUntil(const std::function<bool()>& done, int64_t timeoutMillise
     }
     // Wake up at least this often to ask `done`, which may change without an event.
     constexpr int64_t kPollMilliseconds = 10;
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(std::max<int64_t>(0, timeoutMilliseconds));
+    // Saturate: a limit such as INT64_MAX ms ("no limit") must not wrap the deadline into the past.
+    const Clock::time_point start = Clock::now();
+    const auto limit = std::chrono::milliseconds(std::max<int64_t>(0, timeoutMilliseconds));
+    const auto room = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - start);
+    const Clock::time_point deadline = limit >= room ? Clock::time_point::max() : start + limit;
     MainQueue& queue = MainQueue::instance();
     for (;;) {
         if (done())

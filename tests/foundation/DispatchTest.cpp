@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <limits>
 #include <thread>
 #include <vector>
 
@@ -204,6 +205,17 @@ TEST(MainQueueTest, RunUntilAnswersFalseWhenTimeRunsOut)
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(runMainQueueUntil([] { return false; }, 50));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+}
+
+TEST(MainQueueTest, RunUntilWithTheLargestLimitWaitsForTheCondition)
+{
+    std::atomic<bool> done {false};
+    std::thread worker([&] {
+        std::this_thread::sleep_for(50ms);
+        mainQueue().async([&] { done = true; });
+    });
+    EXPECT_TRUE(runMainQueueUntil([&] { return done.load(); }, std::numeric_limits<int64_t>::max()));
+    worker.join();
 }
 
 TEST(GlobalQueueTest, RunsWorkOffTheMainThreadAndSyncFromAPoolThreadRunsInline)
