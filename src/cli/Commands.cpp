@@ -96,9 +96,16 @@ void printUsage()
                "  pcm FILE [--start N] [--count M]   write a registered file's interleaved PCM to standard output,\n"
                "                                     from sample frame N (default 0), M frames (default: to the end)\n"
                "  providers                          list the registered media\n"
+               "  build OUT.loomwick DESCRIPTION.json\n"
+               "                                     make a project document from a JSON description of tracks\n"
+               "                                     and clips, importing media that are not registered yet\n"
+               "  info PROJECT                       open a project document and list its clips\n"
                "\n"
                "Lines are tab-separated: path, duration (ms), sample-format code, sample rate, channels,\n"
-               "samples per channel, cache file. Sample-format codes: 0 u8, 1 s16, 2 s32, 3 float, 4 double.\n",
+               "samples per channel, cache file. Sample-format codes: 0 u8, 1 s16, 2 s32, 3 float, 4 double.\n"
+               "info prints the title, duration and time position, then one line per clip: track index,\n"
+               "identifier, media path, timestampOfTrack, durationOfTrack, timestampOfDataProvider, volume,\n"
+               "enableFadeIn, durationOfFadeIn, enableFadeOut, durationOfFadeOut (times in ms).\n",
                stdout);
 }
 

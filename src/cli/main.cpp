@@ -1,6 +1,7 @@
 // brindle-cli: the headless companion tool. It imports media into the same
 // PCM cache and registry that the editor uses, and reads them back.
 #include "cli/Commands.h"
+#include "cli/DocumentCommands.h"
 
 #include <QCoreApplication>
 #include <QStringList>
@@ -18,6 +19,10 @@ int main(int argc, char** argv)
         return brindle::cli::importCommand(arguments);
     if (command == QStringLiteral("pcm"))
         return brindle::cli::pcmCommand(arguments);
+    if (command == QStringLiteral("build"))
+        return brindle::cli::buildCommand(arguments);
+    if (command == QStringLiteral("info"))
+        return brindle::cli::infoCommand(arguments);
     if (command == QStringLiteral("providers"))
         return brindle::cli::providersCommand();
     if (command == QStringLiteral("help") || command == QStringLiteral("--help") || command == QStringLiteral("-h")) {
