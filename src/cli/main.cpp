@@ -1,7 +1,9 @@
 // brindle-cli: the headless companion tool. It imports media into the same
-// PCM cache and registry that the editor uses, and reads them back.
+// PCM cache and registry that the editor uses, reads them back, builds and
+// inspects project documents, and renders them to audio files.
 #include "cli/Commands.h"
 #include "cli/DocumentCommands.h"
+#include "cli/RenderCommand.h"
 
 #include <QCoreApplication>
 #include <QStringList>
@@ -23,6 +25,8 @@ int main(int argc, char** argv)
         return brindle::cli::buildCommand(arguments);
     if (command == QStringLiteral("info"))
         return brindle::cli::infoCommand(arguments);
+    if (command == QStringLiteral("render"))
+        return brindle::cli::renderCommand(arguments);
     if (command == QStringLiteral("providers"))
         return brindle::cli::providersCommand();
     if (command == QStringLiteral("help") || command == QStringLiteral("--help") || command == QStringLiteral("-h")) {

@@ -1,5 +1,6 @@
 #include "codec/KRMuxerContext.h"
 
+#include "codec/DemuxSupport.h"
 #include "codec/KRAudioFrame2.h"
 #include "foundation/Log.h"
 
@@ -103,13 +104,17 @@ int64_t nearestSupportedChannels(const AVCodec* codec, int64_t wanted)
     return best == 0 ? wanted : best;
 }
 
-// A temporary name in the folder of `target`, hidden and unlikely to collide.
+// A temporary name in the folder of `target`, hidden and unlikely to
+// collide. It keeps the target's extension last, so that muxers which check
+// the extension (the iPod muxer warns about anything but .m4a) see the real one.
 QString temporaryPathFor(const QString& target)
 {
     const QFileInfo info(target);
-    return QStringLiteral("%1/.%2.%3.part")
+    const QString suffix = info.suffix().isEmpty() ? QString() : QLatin1Char('.') + info.suffix();
+    return QStringLiteral("%1/.%2.%3.part%4")
         .arg(info.absolutePath(), info.fileName())
-        .arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0'));
+        .arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0'))
+        .arg(suffix);
 }
 
 }  // namespace
@@ -248,6 +253,7 @@ bool KRMuxerContext::open()
                       static_cast<long long>(m_encoderNumberOfChannels));
     const AVSampleFormat encoderFormat = chooseSampleFormat(codec, m_sampleFormat);
 
+    brindle::demux::quietLibraryLogging();
     s.temporaryPath = temporaryPathFor(m_filename);
     const QByteArray temporary = QFile::encodeName(s.temporaryPath);
     int error = avformat_alloc_output_context2(&s.format, nullptr, info.muxer, temporary.constData());
