@@ -79,12 +79,7 @@ private:
 // that share a frame (a mixer pulling 512 samples from 1152-sample frames)
 // inflate it once. Keyed by a serial number that is never reused, so a cache
 // entry can never be mistaken for another provider's or an older table's.
-struct RecentFrame {
-    uint64_t tableSerial = 0;
-    size_t position = 0;
-    std::shared_ptr<KRAudioFrame2> frame;
-};
-thread_local RecentFrame t_recentFrame;
+thread_local VTDataProvider::FrameCursor t_recentFrame;
 
 std::atomic<uint64_t> g_nextTableSerial{1};
 
@@ -249,6 +244,11 @@ std::shared_ptr<KRAudioFrame2> VTDataProvider::frameOfRow(const VTAudioFrameInfo
 
 uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_t index) const
 {
+    return readSampleOfCount(count, buffer, index, t_recentFrame);
+}
+
+uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_t index, FrameCursor& cursor) const
+{
     std::optional<size_t> position = rowPositionAtIndex(index);
     const uint64_t frameBytes = bytesPerSample();
     if (!position || count == 0 || !buffer || frameBytes == 0)
@@ -265,14 +265,16 @@ uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_
             break;
         }
         std::shared_ptr<KRAudioFrame2> frame;
-        RecentFrame& recent = t_recentFrame;
-        if (recent.tableSerial == m_tableSerial && recent.position == *position) {
-            frame = recent.frame;
+        if (cursor.m_tableSerial == m_tableSerial && cursor.m_position == *position && cursor.m_frame) {
+            frame = cursor.m_frame;
         } else {
             frame = frameOfRow(row);
             if (!frame)
                 break;
-            recent = RecentFrame{m_tableSerial, *position, frame};
+            cursor.m_tableSerial = m_tableSerial;
+            cursor.m_position = *position;
+            cursor.m_frame = frame;
+            ++cursor.m_framesUnpacked;
         }
         const uint64_t skip = index - uint64_t(row.indexOfSamples());
         const uint64_t n = std::min(count - done, uint64_t(row.numberOfSamples()) - skip);
