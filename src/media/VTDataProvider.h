@@ -66,9 +66,11 @@ public:
 
     // A reader's memory of the frame it unpacked last, so that consecutive
     // reads falling in one frame (short blocks walked in order) inflate it
-    // once. Owned by one reader and used by one thread at a time; it names
-    // the table it came from by a serial number that is never reused, so a
-    // cursor passed to another provider simply misses.
+    // once, and a read that continues in that frame or the next one finds
+    // its row without searching the table. Owned by one reader and used by
+    // one thread at a time; it names the table it came from by a serial
+    // number that is never reused, so a cursor passed to another provider
+    // simply misses.
     class FrameCursor {
     public:
         // How many frames reads through this cursor have unpacked.

@@ -249,7 +249,19 @@ uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_
 
 uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_t index, FrameCursor& cursor) const
 {
-    std::optional<size_t> position = rowPositionAtIndex(index);
+    // A read that continues in the cursor's row or the one after it needs no
+    // search of the table (rows in stream order are disjoint, so it is the same row).
+    std::optional<size_t> position;
+    if (m_tableInStreamOrder && cursor.m_tableSerial == m_tableSerial && cursor.m_frame) {
+        for (size_t candidate : {cursor.m_position, cursor.m_position + 1}) {
+            if (candidate < m_cacheTable.size() && m_cacheTable[candidate]->containsSampleIndex(index)) {
+                position = candidate;
+                break;
+            }
+        }
+    }
+    if (!position)
+        position = rowPositionAtIndex(index);
     const uint64_t frameBytes = bytesPerSample();
     if (!position || count == 0 || !buffer || frameBytes == 0)
         return 0;

@@ -107,12 +107,25 @@ std::shared_ptr<VTSampleBlock> VTSampleBlock::initWithFields(uint64_t index, uin
 void VTSampleBlock::scan(const VTDataProvider& dataProvider, VTDataProvider::FrameCursor& cursor)
 {
     const int64_t channels = std::max<int64_t>(dataProvider.numberOfChannel(), 0);
-    std::vector<double> max(size_t(channels), 0.0);
-    std::vector<double> min(size_t(channels), 0.0);
-    scanInto(dataProvider, cursor, max.data(), min.data());
+    // Up to eight channels on the stack: the common case of a walk allocates
+    // nothing but the two buffers it keeps.
+    constexpr int64_t kOnStack = 8;
+    double maxOnStack[kOnStack] = {};
+    double minOnStack[kOnStack] = {};
+    std::vector<double> maxOnHeap;
+    std::vector<double> minOnHeap;
+    double* max = maxOnStack;
+    double* min = minOnStack;
+    if (channels > kOnStack) {
+        maxOnHeap.assign(size_t(channels), 0.0);
+        minOnHeap.assign(size_t(channels), 0.0);
+        max = maxOnHeap.data();
+        min = minOnHeap.data();
+    }
+    scanInto(dataProvider, cursor, max, min);
     const auto bytes = qsizetype(channels * qsizetype(sizeof(double)));
-    m_maxSamples = QByteArray(reinterpret_cast<const char*>(max.data()), bytes);
-    m_minSamples = QByteArray(reinterpret_cast<const char*>(min.data()), bytes);
+    m_maxSamples = QByteArray(reinterpret_cast<const char*>(max), bytes);
+    m_minSamples = QByteArray(reinterpret_cast<const char*>(min), bytes);
 }
 
 void VTSampleBlock::scanInto(const VTDataProvider& dataProvider, VTDataProvider::FrameCursor& cursor, double* max,

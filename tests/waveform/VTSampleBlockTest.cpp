@@ -142,20 +142,27 @@ TEST(VTSampleBlockTest, blocksAcrossCacheFramesMatchTheSamplesAndAWalkUnpacksEac
 
     // Blocks of odd lengths straddle frame boundaries; each matches a scan
     // of the raw samples, and one cursor unpacks every frame exactly once.
+    std::vector<double> max, min;
+    auto expectBlock = [&](const VTSampleBlock& block, uint64_t index, uint64_t length) {
+        expectedExtremes(samples, 2, index, length, 0.0, max, min);
+        for (int c = 0; c < 2; ++c) {
+            EXPECT_EQ(block.maxSampleOfChannel(c), max[size_t(c)]) << index;
+            EXPECT_EQ(block.minSampleOfChannel(c), min[size_t(c)]) << index;
+        }
+    };
     for (uint64_t length : {1ull, 66ull, 441ull, 4099ull}) {
         SCOPED_TRACE(length);
         VTDataProvider::FrameCursor cursor;
-        std::vector<double> max, min;
-        for (uint64_t index = 0; index < 30000; index += length) {
-            auto block = VTSampleBlock::initWithIndexOfDataProvider(index, length, provider, cursor);
-            expectedExtremes(samples, 2, index, length, 0.0, max, min);
-            for (int c = 0; c < 2; ++c) {
-                ASSERT_EQ(block->maxSampleOfChannel(c), max[size_t(c)]) << index;
-                ASSERT_EQ(block->minSampleOfChannel(c), min[size_t(c)]) << index;
-            }
-        }
+        for (uint64_t index = 0; index < 30000; index += length)
+            expectBlock(*VTSampleBlock::initWithIndexOfDataProvider(index, length, provider, cursor), index, length);
         EXPECT_EQ(cursor.framesUnpacked(), frames);
     }
+
+    // Out of order through one cursor: backwards, far ahead, and past the
+    // end, each still right (the cursor's row is a hint, never trusted blindly).
+    VTDataProvider::FrameCursor cursor;
+    for (uint64_t index : {20000ull, 20500ull, 100ull, 29990ull, 5000ull, 31000ull, 7000ull})
+        expectBlock(*VTSampleBlock::initWithIndexOfDataProvider(index, 700, provider, cursor), index, 700);
 }
 
 TEST(VTSampleBlockTest, theBinaryFormRoundTripsAndEveryShortOrInconsistentInputIsRefused)
