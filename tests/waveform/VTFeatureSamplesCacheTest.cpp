@@ -57,15 +57,11 @@ TEST(VTFeatureSamplesCacheTest, blocksStartAtMultiplesOfTheBlockLengthAndTheWalk
     EXPECT_EQ(walkIndexes(*cache, -500, 5).front(), 0u);
 
     // Zoom levels too fine for whole samples per block still walk one sample at a time.
-    EXPECT_EQ(VTFeatureSamplesCache::initWithDataProviderIDs(media, 3)->numberOfSamplesPerBlockAtSamplerate(44100), 44u);
     auto finest = VTFeatureSamplesCache::initWithDataProviderIDs(media, 1);
     EXPECT_EQ(finest->numberOfSamplesPerBlockAtSamplerate(44100), 1u);
     EXPECT_EQ(walkIndexes(*finest, 1000, 1001).size(), 45u);  // 44100 … 44144
 
     EXPECT_FALSE(VTFeatureSamplesCache::initWithDataProviderIDs(QString(), 20));
-    EXPECT_FALSE(VTFeatureSamplesCache::init());
-    EXPECT_FALSE(cache->searchCompletion());
-    EXPECT_TRUE(cache->identifier().startsWith(QStringLiteral("DataProviderID: ") + media + QStringLiteral(", self(")));
 }
 
 TEST(VTFeatureSamplesCacheTest, aWalkStopsOnItsStopFlagOrOnCancellationAndACancelledCacheStaysCancelled)
@@ -115,7 +111,6 @@ TEST(VTFeatureSamplesCacheTest, theManagerKeepsOneCachePerMediaAndCancelsWhatItD
     const QString media = threeSecondMedia();
     ASSERT_FALSE(media.isEmpty());
     VTFeatureSampleCacheMgr& manager = VTFeatureSampleCacheMgr::shareFeatureSampleCacheMgr();
-    EXPECT_EQ(&manager, &VTFeatureSampleCacheMgr::shareFeatureSampleCacheMgr());
     const QString id = QStringLiteral("manager-test-id");
     EXPECT_FALSE(manager.featureSamplesWithDataProviderIDs(id));
 

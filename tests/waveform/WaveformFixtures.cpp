@@ -6,10 +6,13 @@
 #include "media/VTDataProviderMgr.h"
 
 #include <QUrl>
+#include <QtEndian>
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <map>
+#include <mutex>
 
 namespace brindle::test {
 
@@ -33,6 +36,21 @@ std::shared_ptr<VTDataProvider> providerWithSamples(const QString& name, int32_t
     VTDataProviderMgr::shareDataProviderMgr().importDataProviders({provider});
     made.emplace(fileName, provider);
     return provider;
+}
+
+QByteArray doubles(std::initializer_list<double> values)
+{
+    QByteArray bytes;
+    for (double value : values)
+        bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
+    return bytes;
+}
+
+QByteArray withUInt64At(QByteArray data, qsizetype offset, uint64_t value)
+{
+    const uint64_t little = qToLittleEndian(value);
+    std::memcpy(data.data() + offset, &little, sizeof little);
+    return data;
 }
 
 }  // namespace brindle::test

@@ -1,23 +1,19 @@
 // Media for the waveform tests: WAV files decoded into real data providers
-// registered with the shared registry, and helpers to read block values.
+// registered with the shared registry.
 #pragma once
-
-#include "foundation/Log.h"
 
 #include <QByteArray>
 #include <QString>
-#include <QStringList>
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 class VTDataProvider;
 
 namespace brindle::test {
 
 // A registered provider holding exactly `interleaved` in a packed format
-// 0–4 with the given channels and rate; `name` must be unique per content.
+// 0–4 with the given channels and rate, made once per name and format.
 // Null (with a test failure) when it cannot be decoded.
 std::shared_ptr<VTDataProvider> providerWithSamples(const QString& name, int32_t sampleFormat, int channels,
                                                     int sampleRate, const QByteArray& interleaved);
@@ -34,27 +30,9 @@ QByteArray interleaved(int64_t frames, int channels, Value value)
     return bytes;
 }
 
-// Collects the log lines written while it exists.
-class WaveLogCapture {
-public:
-    WaveLogCapture()
-    {
-        m_previous = setLogSink([this](const QString& line) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_lines.append(line);
-        });
-    }
-    ~WaveLogCapture() { setLogSink(m_previous); }
-    bool contains(const QString& text) const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_lines.contains(text);
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    QStringList m_lines;
-    LogSink m_previous;
-};
+// 64-bit floats as the bytes of a value buffer.
+QByteArray doubles(std::initializer_list<double> values);
+// `data` with the little-endian 64-bit integer at `offset` replaced.
+QByteArray withUInt64At(QByteArray data, qsizetype offset, uint64_t value);
 
 }  // namespace brindle::test
