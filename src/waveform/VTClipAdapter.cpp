@@ -115,8 +115,9 @@ void VTClipAdapter::featureSamplesAtTimestamps(int64_t timestamp, int64_t durati
     cache->cancelEnumSampleBlocksInQueue(&queue);
     m_walkState->cancel.store(false);
 
-    const int64_t mediaStart = brindle::detail::addClamped(timestamp - m_clip->timestampOfTrack(),
-                                                           m_clip->timestampOfDataProvider());
+    // Track times are never negative, so their negation cannot overflow.
+    const int64_t mediaStart = brindle::detail::addClamped(
+        brindle::detail::addClamped(timestamp, -m_clip->timestampOfTrack()), m_clip->timestampOfDataProvider());
     const int64_t end = brindle::detail::addClamped(timestamp, durationOfTrack);
     cache->enumSampleBlocksInQueue(
         &queue, mediaStart,

@@ -5,6 +5,7 @@
 #include "media/VTDataProviderMgr.h"
 
 #include <algorithm>
+#include <limits>
 
 std::shared_ptr<VTFeatureSamplesCache> VTFeatureSamplesCache::initWithDataProviderIDs(const QString& dataProviderIDs,
                                                                                      uint64_t durationPerPixel)
@@ -52,9 +53,12 @@ std::shared_ptr<VTDataProvider> VTFeatureSamplesCache::dataProvider() const
 uint64_t VTFeatureSamplesCache::numberOfSamplesPerBlockAtSamplerate(int64_t samplerate) const
 {
     const uint64_t blockDuration = m_durationPerPixel / multiTimes;
-    const uint64_t rate = uint64_t(std::max<int64_t>(samplerate, 0));
+    const auto rate = static_cast<unsigned __int128>(std::max<int64_t>(samplerate, 0));
+    // Formed in 128 bits and kept within the signed range the walk compares in.
+    const unsigned __int128 samples = rate * blockDuration / uint64_t(VTBaseDefine::unitsPerSecond());
+    const uint64_t n = uint64_t(std::min<unsigned __int128>(samples, std::numeric_limits<int64_t>::max()));
     // A zoom so fine that a block would hold no sample still walks one at a time.
-    return std::max<uint64_t>(rate * blockDuration / uint64_t(VTBaseDefine::unitsPerSecond()), 1);
+    return std::max<uint64_t>(n, 1);
 }
 
 void VTFeatureSamplesCache::calcSampleBlockAtTimestamp(int64_t timestamp, int64_t duration, const ProcessBlock& process)

@@ -61,6 +61,13 @@ TEST(VTFeatureSamplesCacheTest, blocksStartAtMultiplesOfTheBlockLengthAndTheWalk
     EXPECT_EQ(finest->numberOfSamplesPerBlockAtSamplerate(44100), 1u);
     EXPECT_EQ(walkIndexes(*finest, 1000, 1001).size(), 45u);  // 44100 … 44144
 
+    // An absurd zoom neither wraps around nor reads past the media: one block holds it all.
+    auto coarsest = VTFeatureSamplesCache::initWithDataProviderIDs(media, UINT64_MAX);
+    EXPECT_EQ(coarsest->numberOfSamplesPerBlockAtSamplerate(44100), uint64_t(INT64_MAX));
+    coarsest->calcSampleBlockAtTimestamp(0, 3000, [](const std::shared_ptr<VTSampleBlock>& block, bool*) {
+        EXPECT_EQ(block->maxSampleOfChannel(0), 19999.0);
+    });
+
     EXPECT_FALSE(VTFeatureSamplesCache::initWithDataProviderIDs(QString(), 20));
 }
 
