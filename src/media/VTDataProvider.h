@@ -64,6 +64,26 @@ public:
     using FrameTable = std::vector<std::shared_ptr<VTAudioFrameInfo>>;
     using ProgressBlock = std::function<void(double)>;
 
+    // A reader's memory of the frame it unpacked last, so that consecutive
+    // reads falling in one frame (short blocks walked in order) inflate it
+    // once, and a read that continues in that frame or the next one finds
+    // its row without searching the table. Owned by one reader and used by
+    // one thread at a time; it names the table it came from by a serial
+    // number that is never reused, so a cursor passed to another provider
+    // simply misses.
+    class FrameCursor {
+    public:
+        // How many frames reads through this cursor have unpacked.
+        uint64_t framesUnpacked() const { return m_framesUnpacked; }
+
+    private:
+        friend class VTDataProvider;
+        uint64_t m_tableSerial = 0;
+        size_t m_position = 0;
+        std::shared_ptr<KRAudioFrame2> m_frame;
+        uint64_t m_framesUnpacked = 0;
+    };
+
     // The extension of the cache files that decoding writes.
     static constexpr const char* kCacheFileExtensionForDecode = "medialibrary";
 
@@ -83,6 +103,12 @@ public:
 
     // Reading by sample index.
     uint64_t readSampleOfCount(uint64_t count, void* buffer, uint64_t index) const;
+    // The same, keeping the last unpacked frame in `cursor` instead of the
+    // calling thread's own memory of it.
+    uint64_t readSampleOfCount(uint64_t count, void* buffer, uint64_t index, FrameCursor& cursor) const;
+    // Whether a read at `index` through `cursor` continues in the cursor's
+    // frame or the next one (then no table search is needed).
+    bool cursorContinuesAt(const FrameCursor& cursor, uint64_t index) const;
     QByteArray readSampleOfCount(uint64_t count, uint64_t index) const;
     // Reads at sampleOffset, which it does not advance.
     QByteArray readSampleOfCount(uint64_t count) const;
@@ -128,6 +154,8 @@ public:
     void encodeWithCoder(brindle::KeyedArchiver& coder) const override;
 
 private:
+    // The row of `index` when a read through `cursor` continues in its row or the next.
+    std::optional<size_t> continuedPosition(const FrameCursor& cursor, uint64_t index) const;
     VTDataProvider() = default;
 
     // Probing (VTDataProvider.cpp).

@@ -78,40 +78,26 @@ private:
 
 // The frames most recently inflated by this thread, so that consecutive reads
 // that share a frame (a mixer pulling 512 samples from 1152-sample frames)
-// inflate it once. A mixer pulls several tracks in turn on one thread, so a
-// few frames are kept, one per recently read stream, replaced in rotation.
-// Keyed by a serial number that is never reused, so an entry can never be
-// mistaken for another provider's or an older table's.
-struct RecentFrame {
-    uint64_t tableSerial = 0;
-    size_t position = 0;
-    std::shared_ptr<KRAudioFrame2> frame;
-};
+// inflate it once. A mixer pulls several tracks in turn on one thread, so
+// the thread keeps one cursor per recently read stream: a read that
+// continues a stream (in its cursor's frame or the next) uses that stream's
+// cursor, any other read takes the oldest cursor over.
 class RecentFrames {
 public:
-    std::shared_ptr<KRAudioFrame2> find(uint64_t tableSerial, size_t position) const
+    VTDataProvider::FrameCursor& cursorFor(const VTDataProvider& provider, uint64_t index)
     {
-        for (const RecentFrame& entry : m_entries) {
-            if (entry.tableSerial == tableSerial && entry.position == position)
-                return entry.frame;
+        for (VTDataProvider::FrameCursor& cursor : m_cursors) {
+            if (provider.cursorContinuesAt(cursor, index))
+                return cursor;
         }
-        return nullptr;
-    }
-    void remember(uint64_t tableSerial, size_t position, std::shared_ptr<KRAudioFrame2> frame)
-    {
-        // A stream reading on replaces its own previous frame.
-        for (RecentFrame& entry : m_entries) {
-            if (entry.tableSerial == tableSerial && entry.position + 1 == position) {
-                entry = RecentFrame{tableSerial, position, std::move(frame)};
-                return;
-            }
-        }
-        m_entries[m_next] = RecentFrame{tableSerial, position, std::move(frame)};
-        m_next = (m_next + 1) % m_entries.size();
+        VTDataProvider::FrameCursor& taken = m_cursors[m_next];
+        taken = VTDataProvider::FrameCursor();
+        m_next = (m_next + 1) % m_cursors.size();
+        return taken;
     }
 
 private:
-    std::array<RecentFrame, 16> m_entries;
+    std::array<VTDataProvider::FrameCursor, 16> m_cursors;
     size_t m_next = 0;
 };
 thread_local RecentFrames t_recentFrames;
@@ -277,9 +263,34 @@ std::shared_ptr<KRAudioFrame2> VTDataProvider::frameOfRow(const VTAudioFrameInfo
     return frame;
 }
 
+std::optional<size_t> VTDataProvider::continuedPosition(const FrameCursor& cursor, uint64_t index) const
+{
+    if (!m_tableInStreamOrder || cursor.m_tableSerial != m_tableSerial || !cursor.m_frame)
+        return std::nullopt;
+    for (size_t candidate : {cursor.m_position, cursor.m_position + 1}) {
+        if (candidate < m_cacheTable.size() && m_cacheTable[candidate]->containsSampleIndex(index))
+            return candidate;
+    }
+    return std::nullopt;
+}
+
+bool VTDataProvider::cursorContinuesAt(const FrameCursor& cursor, uint64_t index) const
+{
+    return continuedPosition(cursor, index).has_value();
+}
+
 uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_t index) const
 {
-    std::optional<size_t> position = rowPositionAtIndex(index);
+    return readSampleOfCount(count, buffer, index, t_recentFrames.cursorFor(*this, index));
+}
+
+uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_t index, FrameCursor& cursor) const
+{
+    // A read that continues in the cursor's row or the one after it needs no
+    // search of the table (rows in stream order are disjoint, so it is the same row).
+    std::optional<size_t> position = continuedPosition(cursor, index);
+    if (!position)
+        position = rowPositionAtIndex(index);
     const uint64_t frameBytes = bytesPerSample();
     if (!position || count == 0 || !buffer || frameBytes == 0)
         return 0;
@@ -294,12 +305,17 @@ uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_
             logDamagedRecord(m_cachePathFile, row, "rows out of order");
             break;
         }
-        std::shared_ptr<KRAudioFrame2> frame = t_recentFrames.find(m_tableSerial, *position);
-        if (!frame) {
+        std::shared_ptr<KRAudioFrame2> frame;
+        if (cursor.m_tableSerial == m_tableSerial && cursor.m_position == *position && cursor.m_frame) {
+            frame = cursor.m_frame;
+        } else {
             frame = frameOfRow(row);
             if (!frame)
                 break;
-            t_recentFrames.remember(m_tableSerial, *position, frame);
+            cursor.m_tableSerial = m_tableSerial;
+            cursor.m_position = *position;
+            cursor.m_frame = frame;
+            ++cursor.m_framesUnpacked;
         }
         const uint64_t skip = index - uint64_t(row.indexOfSamples());
         const uint64_t n = std::min(count - done, uint64_t(row.numberOfSamples()) - skip);
