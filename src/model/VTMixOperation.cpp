@@ -4,6 +4,7 @@
 #include "model/VTMixContext.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace {
@@ -17,32 +18,55 @@ bool insideSpan(int64_t index, int64_t pad, int64_t count)
     return index >= pad && index - pad <= count;
 }
 
+// The first frame after the span [pad, pad + count] (both ends included),
+// held inside [0, frames].
+int64_t spanEnd(int64_t pad, int64_t count, int64_t frames)
+{
+    int64_t end = 0;
+    if (count < 0 || __builtin_add_overflow(pad, count, &end) || __builtin_add_overflow(end, 1, &end))
+        end = count < 0 ? pad : frames;
+    return std::clamp<int64_t>(end, 0, frames);
+}
+
+template <class Sample, class Mix>
+void mixRun(uint8_t* output, const uint8_t* a, const uint8_t* b, size_t samples, Mix mix)
+{
+    for (size_t i = 0; i < samples; ++i) {
+        Sample x;
+        Sample y;
+        std::memcpy(&x, a + i * sizeof(Sample), sizeof(Sample));
+        std::memcpy(&y, b + i * sizeof(Sample), sizeof(Sample));
+        const Sample mixed = mix(x, y);
+        std::memcpy(output + i * sizeof(Sample), &mixed, sizeof(Sample));
+    }
+}
+
+// Frames inside only the first span come from A, inside only the second
+// (or neither) from B, inside both are mixed. The buffer is cut into runs
+// at the spans' ends, so each run is one copy or one branch-free mix loop.
 template <class Sample, class Mix>
 void mixFrames(uint8_t* output, const uint8_t* a, const uint8_t* b, int64_t frames, int64_t channels, int64_t pad1,
                int64_t count1, int64_t pad2, int64_t count2, Mix mix)
 {
     const size_t frameBytes = sizeof(Sample) * static_cast<size_t>(channels);
-    for (int64_t frame = 0; frame < frames; ++frame) {
-        const size_t offset = static_cast<size_t>(frame) * frameBytes;
-        const bool inFirst = insideSpan(frame, pad1, count1);
-        const bool inSecond = insideSpan(frame, pad2, count2);
-        if (!inFirst) {
-            std::memcpy(output + offset, b + offset, frameBytes);
+    std::array<int64_t, 6> cuts{0, frames, std::clamp<int64_t>(pad1, 0, frames), spanEnd(pad1, count1, frames),
+                                std::clamp<int64_t>(pad2, 0, frames), spanEnd(pad2, count2, frames)};
+    std::sort(cuts.begin(), cuts.end());
+    for (size_t i = 0; i + 1 < cuts.size(); ++i) {
+        const int64_t first = cuts[i];
+        const int64_t last = cuts[i + 1];
+        if (first >= last)
             continue;
-        }
-        if (!inSecond) {
-            std::memcpy(output + offset, a + offset, frameBytes);
-            continue;
-        }
-        for (int64_t channel = 0; channel < channels; ++channel) {
-            const size_t at = offset + static_cast<size_t>(channel) * sizeof(Sample);
-            Sample x;
-            Sample y;
-            std::memcpy(&x, a + at, sizeof(Sample));
-            std::memcpy(&y, b + at, sizeof(Sample));
-            const Sample mixed = mix(x, y);
-            std::memcpy(output + at, &mixed, sizeof(Sample));
-        }
+        const size_t offset = static_cast<size_t>(first) * frameBytes;
+        const size_t bytes = static_cast<size_t>(last - first) * frameBytes;
+        const bool inFirst = insideSpan(first, pad1, count1);
+        const bool inSecond = insideSpan(first, pad2, count2);
+        if (!inFirst)
+            std::memcpy(output + offset, b + offset, bytes);
+        else if (!inSecond)
+            std::memcpy(output + offset, a + offset, bytes);
+        else
+            mixRun<Sample>(output + offset, a + offset, b + offset, bytes / sizeof(Sample), mix);
     }
 }
 
