@@ -157,10 +157,3 @@ TEST(KRFileStorageTest, ABlockEntryPointingOutsideTheDataIsNotRead)
         EXPECT_FALSE(storage->blockDataAtIndex(i)) << i;
     EXPECT_EQ(storage->filetrailerData(), QByteArray("timeline"));
 }
-
-TEST(KRFileStorageTest, WithoutAURLNothingIsOpened)
-{
-    LogCapture log;
-    EXPECT_FALSE(KRFileStorage::init());
-    EXPECT_TRUE(log.contains(QStringLiteral("Must be set url for storage.")));
-}

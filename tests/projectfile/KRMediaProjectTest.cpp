@@ -14,7 +14,11 @@
 #include "support/TestEnvironment.h"
 #include "support/TestMedia.h"
 
+#include <QFile>
+
 #include <gtest/gtest.h>
+
+#include <random>
 
 using brindle::test::LogCapture;
 
@@ -179,5 +183,43 @@ TEST(KRMediaProjectTest, TheDocumentOpenerReadsLegacyFilesAndRefusesDamagedOnes)
         EXPECT_EQ(result.errorCode, 1);
         EXPECT_TRUE(result.projects.empty());
         EXPECT_TRUE(log.contains(QStringLiteral("Unknown project document type.")));
+    }
+}
+
+TEST(KRMediaProjectTest, DamagedBytesAnywhereInEitherGenerationNeverCrashTheOpener)
+{
+    const auto a = unregisteredTone(1000, 61);
+    KRMediaTimeline timeline;
+    auto track = std::make_shared<KRMediaTrack>();
+    track->clips = {legacyClip(a->identifier(), 0, 1000, 80)};
+    timeline.tracks = {track};
+    const QString legacyPath = writeLegacyProject(QStringLiteral("fuzz"), {legacyProviderBlock(*a)}, compressedArchive(timeline));
+    QFile legacyFile(legacyPath);
+    ASSERT_TRUE(legacyFile.open(QIODevice::ReadOnly));
+    const QByteArray legacy = legacyFile.readAll();
+    legacyFile.close();
+    const auto project = KRMediaProject::projectFromMediaTimeline(&timeline);
+    const QByteArray current = VTProjectDocument::dataWithProject(*project);
+
+    std::mt19937 random(1234);
+    const QString path = brindle::test::TestEnvironment::current().makeScratchDirectory(QStringLiteral("fuzz-case"))
+                         + QStringLiteral("/x.loomwick");
+    for (int round = 0; round < 200; ++round) {
+        QByteArray bytes = round % 2 ? legacy : current;
+        if (round % 5 == 0) {
+            bytes.truncate(qsizetype(random() % uint32_t(bytes.size())));
+        } else {
+            for (uint32_t n = 1 + random() % 4; n > 0; --n)
+                bytes[qsizetype(random() % uint32_t(bytes.size()))] = char(random());
+        }
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(bytes);
+        file.close();
+        const auto opened = VTProjectDocument::openProjectWithURL(QUrl::fromLocalFile(path), {});
+        EXPECT_TRUE(opened.errorCode == 0 || opened.errorCode == 1) << round;
+        if (opened.errorCode == 1) {
+            EXPECT_TRUE(opened.projects.empty()) << round;
+        }
     }
 }

@@ -100,16 +100,3 @@ TEST(VTImportMediaTaskTest, TheSameFileTwiceDecodesTwiceUnderOneProgressKey)
     for (const double percent : recorder->percentages())
         EXPECT_LE(percent, 50.0);
 }
-
-TEST(VTImportMediaTaskTest, ProgressBookKeepingSumsAllKeysOrAllButOne)
-{
-    auto task = VTTask::dataParserTaskWithDelegate(nullptr);
-    EXPECT_EQ(task->percentForKey(QStringLiteral("a")), 0);
-    task->setPercent(100, QStringLiteral("a"));
-    task->setPercent(250, QStringLiteral("b"));
-    task->setPercent(40, QStringLiteral("a"));
-    EXPECT_EQ(task->percentForKey(QStringLiteral("a")), 40);
-    EXPECT_EQ(task->percentForAllKeys(), 290);
-    EXPECT_EQ(task->percentForAllExceptKey(QStringLiteral("b")), 40);
-    EXPECT_EQ(task->percentForAllExceptKey(QStringLiteral("none")), 290);
-}

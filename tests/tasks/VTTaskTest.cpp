@@ -2,8 +2,6 @@
 
 #include "foundation/Dispatch.h"
 #include "tasks/TaskRecorder.h"
-#include "tasks/VTImportMediaTask.h"
-#include "tasks/VTProjectTasks.h"
 
 #include <gtest/gtest.h>
 
@@ -80,11 +78,6 @@ TEST(VTTaskTest, TheBaseTaskHandsBackItsContextWithCodeZero)
         EXPECT_EQ(recorder->end().code, 0);
         EXPECT_EQ(recorder->end().context.keys(), QStringList{kVTTaskDescription});
     }
-    EXPECT_EQ(VTTask::init()->type(), 0);
-    EXPECT_EQ(VTTask::saveProjectTaskWithDelegate(nullptr)->type(), 1);
-    EXPECT_EQ(VTTask::openProjectTaskWithDelegate(nullptr)->type(), 2);
-    EXPECT_EQ(VTTask::dataParserTaskWithDelegate(nullptr)->type(), 3);
-    EXPECT_EQ(VTTask::exportTaskWithDelegate(nullptr)->type(), 4);
 }
 
 TEST(VTTaskTest, ATaskWhoseDelegateTakesNoCallsRunsToTheEndAndIsReleased)
