@@ -27,7 +27,7 @@ namespace {
 constexpr size_t kMaximumRows = 64;
 constexpr size_t kMaximumReads = 8;
 // Reads larger than this (in bytes) are cut down to keep one input cheap.
-constexpr uint64_t kMaximumReadBytes = 4 * 1024 * 1024;
+constexpr uint64_t kMaximumReadBytes = 256 * 1024;
 
 // The fields of a provider, archived under the provider's own class name and keys.
 class ProviderRecord final : public KeyedCoding {
