@@ -233,9 +233,12 @@ std::shared_ptr<VTAudioFrameInfo> VTDataProvider::nextFrameInfo(const std::share
 
 std::shared_ptr<KRAudioFrame2> VTDataProvider::frameOfRow(const VTAudioFrameInfo& row) const
 {
-    const int64_t expectedBytes = row.numberOfSamples() * int64_t(bytesPerSample());
+    // The row comes from a stored table: its sample count may be anything, so
+    // the byte size is computed without overflow.
+    int64_t expectedBytes = 0;
+    const bool sizeOverflows = __builtin_mul_overflow(row.numberOfSamples(), int64_t(bytesPerSample()), &expectedBytes);
     if (!m_dataBuffer || row.offsetOfBuffer() < 0 || row.lengthOfBuffer() <= 0 || row.numberOfSamples() <= 0 ||
-        expectedBytes <= 0 || row.numberOfSamples() > kMaximumFrameBytes || expectedBytes > kMaximumFrameBytes) {
+        sizeOverflows || expectedBytes <= 0 || expectedBytes > kMaximumFrameBytes) {
         logDamagedRecord(m_cachePathFile, row, "row out of range");
         return nullptr;
     }

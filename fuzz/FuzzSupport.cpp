@@ -1,0 +1,139 @@
+#include "FuzzSupport.h"
+
+#include "foundation/Log.h"
+#include "foundation/UserDefaults.h"
+#include "media/VTDataProvider.h"
+#include "support/TestMedia.h"
+
+#include <QDir>
+#include <QFile>
+#include <QUrl>
+
+#include <plist/plist.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace brindle::fuzz {
+namespace {
+
+void pointAt(const char* variable, const QString& path)
+{
+    QDir().mkpath(path);
+    ::setenv(variable, path.toUtf8().constData(), 1);
+}
+
+}  // namespace
+
+void SeedFolder::add(const QString& name, const QByteArray& bytes)
+{
+    if (bytes.isEmpty())
+        return;
+    QDir().mkpath(m_folder);
+    QFile file(QStringLiteral("%1/%2-%3").arg(m_folder).arg(m_count, 3, 10, QLatin1Char('0')).arg(name));
+    if (file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size())
+        ++m_count;
+}
+
+QString home()
+{
+    const QByteArray configured = qgetenv("BRINDLE_FUZZ_HOME");
+    return configured.isEmpty() ? QStringLiteral("/tmp/brindle-fuzz-home") : QString::fromLocal8Bit(configured);
+}
+
+QString scratchFile(const QString& name)
+{
+    const QString folder = home() + QStringLiteral("/scratch");
+    QDir().mkpath(folder);
+    return QStringLiteral("%1/%2-%3").arg(folder).arg(::getpid()).arg(name);
+}
+
+bool writeFile(const QString& path, const uint8_t* data, size_t size)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return false;
+    return file.write(reinterpret_cast<const char*>(data), qint64(size)) == qint64(size);
+}
+
+void initialize(const char* target, const SeedWriter& writeSeeds)
+{
+    const QString root = home();
+    pointAt("XDG_CONFIG_HOME", root + QStringLiteral("/config/") + QString::fromLatin1(target));
+    pointAt("XDG_DATA_HOME", root + QStringLiteral("/data"));
+    pointAt("XDG_CACHE_HOME", root + QStringLiteral("/cache"));
+    if (qgetenv("BRINDLE_FUZZ_LOG") != "1")
+        setLogSink([](const QString&) {});
+
+    const QByteArray seeds = qgetenv("BRINDLE_FUZZ_WRITE_SEEDS");
+    if (seeds.isEmpty() || !writeSeeds)
+        return;
+    SeedFolder folder(QString::fromLocal8Bit(seeds));
+    writeSeeds(folder);
+    UserDefaults::standardUserDefaults().synchronize();
+    std::fprintf(stderr, "wrote %d seeds to %s\n", folder.count(), seeds.constData());
+    std::fflush(stderr);
+    std::_Exit(folder.count() > 0 ? 0 : 1);
+}
+
+QByteArray xmlFromBinary(const QByteArray& binary)
+{
+    plist_t root = nullptr;
+    plist_from_bin(binary.constData(), uint32_t(binary.size()), &root);
+    if (!root)
+        return {};
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(root, &xml, &length);
+    plist_free(root);
+    if (!xml)
+        return {};
+    QByteArray result(xml, qsizetype(length));
+    plist_to_xml_free(xml);
+    return result;
+}
+
+std::vector<QString> seedMediaFiles(bool withEncoded)
+{
+    test::TestMedia media(home() + QStringLiteral("/seed-media"));
+    // Short signals keep the seeds at a few KB each.
+    test::ToneSpec mono{1, 8000, 600, 3, 0.5, 0.01};
+    test::ToneSpec stereo{2, 22050, 1500, 5, 0.5, 0.01};
+    std::vector<QString> files;
+    for (int32_t format = 0; format <= 4; ++format)
+        files.push_back(media.wav(format, format % 2 ? stereo : mono));
+    if (withEncoded && test::TestMedia::ffmpegAvailable()) {
+        files.push_back(media.wav24(mono));
+        files.push_back(media.mp3Cbr(stereo));
+        files.push_back(media.mp3VbrXing(mono));
+        files.push_back(media.m4a(stereo));
+        files.push_back(media.flac(mono));
+        files.push_back(media.oggVorbis(stereo));
+    }
+    std::erase_if(files, [](const QString& path) { return path.isEmpty(); });
+    return files;
+}
+
+std::vector<std::shared_ptr<VTDataProvider>> seedProviders()
+{
+    test::TestMedia media(home() + QStringLiteral("/seed-media"));
+    std::vector<QString> paths = {
+        media.wav(1, test::ToneSpec{2, 8000, 2500, 7, 0.5, 0.01}),
+        media.wav(0, test::ToneSpec{1, 8000, 700, 8, 0.5, 0.01}),
+        media.wav(3, test::ToneSpec{1, 11025, 900, 9, 0.5, 0.01}),
+    };
+    if (test::TestMedia::ffmpegAvailable())
+        paths.push_back(media.mp3Cbr(test::ToneSpec{1, 22050, 3000, 10, 0.5, 0.01}));
+    std::vector<std::shared_ptr<VTDataProvider>> providers;
+    for (const QString& path : paths) {
+        if (path.isEmpty())
+            continue;
+        std::shared_ptr<VTDataProvider> provider = VTDataProvider::initWithURL(QUrl::fromLocalFile(path));
+        if (provider && provider->startParserWithBlock(nullptr))
+            providers.push_back(std::move(provider));
+    }
+    return providers;
+}
+
+}  // namespace brindle::fuzz

@@ -1,0 +1,90 @@
+// Fuzzes one PCM cache record: a zlib stream that inflates to the keyed
+// archive of a KRAudioFrame2. The first byte says whether the rest is the
+// record as stored (inflated first) or the archive itself (fed to the
+// unarchiver directly, so the fuzzer can shape archives quickly).
+#include "FuzzSupport.h"
+
+#include "codec/KRAudioFrame2.h"
+#include "codec/KRZlibCompression.h"
+#include "foundation/KeyedCoding.h"
+#include "media/VTDataBuffer.h"
+#include "media/VTDataProvider.h"
+
+#include <cstdlib>
+
+using namespace brindle;
+
+namespace {
+
+// The size limit a provider's read passes for a record: a frame of a few
+// thousand samples plus archive overhead.
+constexpr qsizetype kRecordLimit = 8 * 1024 * 1024;
+
+void checkFrame(const KRAudioFrame2& frame)
+{
+    const int64_t bytes = int64_t(frame.numberOfSamples()) * frame.numberOfChannel() *
+                          KRAudioFrame2::bytesForSampleFormat(frame.sampleFormat());
+    if (frame.numberOfSamples() <= 0 || bytes != frame.dataOfPackedSamples().size())
+        std::abort();
+    // Touch every byte, as a provider's read does.
+    volatile char sink = 0;
+    const QByteArray& samples = frame.dataOfPackedSamples();
+    for (qsizetype i = 0; i < samples.size(); i += 64)
+        sink = sink ^ samples[i];
+    (void)frame.bytesAtPlanerIndex(0);
+    (void)frame.bytesAtPlanerIndex(1);
+}
+
+void writeSeeds(fuzz::SeedFolder& seeds)
+{
+    for (const auto& provider : fuzz::seedProviders()) {
+        const auto& table = provider->cacheTable();
+        for (size_t i = 0; i < table.size() && i < 3; ++i) {
+            if (table[i]->isEndMarker())
+                break;
+            const QByteArray record =
+                provider->dataBuffer()->readDataBuffer(uint64_t(table[i]->lengthOfBuffer()), uint64_t(table[i]->offsetOfBuffer()));
+            seeds.add(QStringLiteral("record.zlib"), QByteArray(1, '\0') + record);
+            if (const auto archive = KRZlibCompression::zlibCompressionUncompress(record))
+                seeds.add(QStringLiteral("record.bplist"), QByteArray(1, '\1') + *archive);
+        }
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fuzz::initialize("cache_record", writeSeeds);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size == 0)
+        return 0;
+    const QByteArray rest = QByteArray::fromRawData(reinterpret_cast<const char*>(data + 1), qsizetype(size - 1));
+    QByteArray archive;
+    if (data[0] & 1) {
+        archive = rest;
+    } else {
+        const auto inflated = KRZlibCompression::zlibCompressionUncompress(rest, kRecordLimit);
+        if (!inflated)
+            return 0;
+        if (inflated->size() > kRecordLimit)
+            std::abort();
+        archive = *inflated;
+    }
+    const auto frame = KeyedUnarchiver::unarchivedObjectOfClass<KRAudioFrame2>(archive);
+    if (!frame)
+        return 0;
+    checkFrame(*frame);
+    // The writer's side of the same record must read back identically.
+    const QByteArray record = KRZlibCompression::zlibCompressionCompress(KeyedArchiver::archivedDataWithRootObject(*frame));
+    const auto archiveAgain = KRZlibCompression::zlibCompressionUncompress(record);
+    const auto again = archiveAgain ? KeyedUnarchiver::unarchivedObjectOfClass<KRAudioFrame2>(*archiveAgain) : nullptr;
+    if (!again || again->dataOfPackedSamples() != frame->dataOfPackedSamples() ||
+        again->numberOfSamples() != frame->numberOfSamples() || again->sampleRate() != frame->sampleRate())
+        std::abort();
+    return 0;
+}
