@@ -4,7 +4,6 @@
 #include "foundation/KeyedCoding.h"
 #include "foundation/KeyedStandard.h"
 
-#include <QElapsedTimer>
 #include <QFile>
 
 #include <gtest/gtest.h>
@@ -426,26 +425,6 @@ TEST(KeyedArchiverTest, objectsNestedBeyondTheDepthLimitAreWrittenAsNil)
         ++depth;
     EXPECT_EQ(depth, KeyedArchiver::kMaxDepth);
     EXPECT_FALSE(coder.hasDecodingError());
-}
-
-TEST(KeyedArchiverTest, smallRecordWithAFourKilobyteBlockArchivesAndUnarchivesQuickly)
-{
-    TestFrame frame;
-    frame.samples = QByteArray(4096, 'p');
-    constexpr int kCalls = 5000;
-    QElapsedTimer timer;
-    timer.start();
-    for (int i = 0; i < kCalls; ++i) {
-        frame.count = i;
-        auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<TestFrame>(KeyedArchiver::archivedDataWithRootObject(frame));
-        ASSERT_TRUE(decoded);
-        ASSERT_EQ(decoded->count, i);
-    }
-    const double seconds = static_cast<double>(timer.nsecsElapsed()) / 1e9;
-    const double perSecond = kCalls / seconds;
-    std::printf("[ measure  ] archive + unarchive of a record with 4 KB of samples: %.0f calls/s\n", perSecond);
-    // A generous floor that still catches work per call growing by orders of magnitude.
-    EXPECT_GT(perSecond, 2000.0);
 }
 
 TEST(KeyedArchiverTest, reArchivedFixturesDecodeToTheSameValues)

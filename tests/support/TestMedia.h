@@ -8,7 +8,7 @@
 //   are written by our own RIFF writer (WAVE_FORMAT_PCM for 0–2,
 //   WAVE_FORMAT_IEEE_FLOAT for 3–4). Everything else is encoded from such a WAV
 //   with the `ffmpeg` program (run with -nostdin -loglevel error).
-// - File names are derived from the kind and the spec, and a file that already
+// - File names are derived from the kind and the tone description, and a file that already
 //   exists in the folder is reused, so each fixture is generated once per
 //   folder. `TestMedia::shared()` is one folder per test process.
 // - A generator that fails (no `ffmpeg`, an encoder missing) returns an empty
@@ -38,7 +38,7 @@ struct ToneSpec {
     double amplitude = 0.5;
     double noise = 0.01;
 
-    // A short, stable text naming the spec ("c2-r44100-n44100-s1-a500-z10").
+    // A short, stable text naming the tone description ("c2-r44100-n44100-s1-a500-z10").
     QString tag() const;
 };
 
