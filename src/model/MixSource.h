@@ -15,6 +15,9 @@
 //   last n frames and the frames before it are silence; clear, the content
 //   begins at the buffer's start. n may exceed N (a converting clip counts a
 //   short conversion pass as complete): callers clamp it to N.
+// - A source that answers n > 0 has written all N frames, silence included,
+//   so a caller can use the whole buffer without clearing it first. With 0 or
+//   kEndOfSource the buffer may be left as it was.
 // - All per-run state lives in the context (its user info), so the model
 //   objects are not changed by a mix. One thread pulls a context at a time.
 #pragma once

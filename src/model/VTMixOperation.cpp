@@ -1,6 +1,7 @@
 #include "model/VTMixOperation.h"
 
 #include "foundation/Log.h"
+#include "model/SimdClones.h"
 #include "model/VTMixContext.h"
 
 #include <algorithm>
@@ -41,12 +42,22 @@ void mixRun(uint8_t* output, const uint8_t* a, const uint8_t* b, size_t samples,
     }
 }
 
+BRINDLE_SIMD_CLONES void mixRun16(uint8_t* output, const uint8_t* a, const uint8_t* b, size_t samples)
+{
+    mixRun<int16_t>(output, a, b, samples, [](int16_t x, int16_t y) { return VTMixOperation::mixSample16(x, y); });
+}
+
+BRINDLE_SIMD_CLONES void mixRunFloat(uint8_t* output, const uint8_t* a, const uint8_t* b, size_t samples)
+{
+    mixRun<float>(output, a, b, samples, [](float x, float y) { return VTMixOperation::mixSampleFloat(x, y); });
+}
+
 // Frames inside only the first span come from A, inside only the second
 // (or neither) from B, inside both are mixed. The buffer is cut into runs
 // at the spans' ends, so each run is one copy or one branch-free mix loop.
-template <class Sample, class Mix>
+template <class Sample, class MixRun>
 void mixFrames(uint8_t* output, const uint8_t* a, const uint8_t* b, int64_t frames, int64_t channels, int64_t pad1,
-               int64_t count1, int64_t pad2, int64_t count2, Mix mix)
+               int64_t count1, int64_t pad2, int64_t count2, MixRun mixRunOfSamples)
 {
     const size_t frameBytes = sizeof(Sample) * static_cast<size_t>(channels);
     std::array<int64_t, 6> cuts{0, frames, std::clamp<int64_t>(pad1, 0, frames), spanEnd(pad1, count1, frames),
@@ -66,7 +77,7 @@ void mixFrames(uint8_t* output, const uint8_t* a, const uint8_t* b, int64_t fram
         else if (!inSecond)
             std::memcpy(output + offset, a + offset, bytes);
         else
-            mixRun<Sample>(output + offset, a + offset, b + offset, bytes / sizeof(Sample), mix);
+            mixRunOfSamples(output + offset, a + offset, b + offset, bytes / sizeof(Sample));
     }
 }
 
@@ -121,11 +132,10 @@ void VTMixOperation::endMixWithContext(VTMixContext& context)
         m_source2->endMixWithContext(context);
 }
 
-uint8_t* VTMixOperation::zeroedScratch(std::vector<uint8_t>& buffer, size_t bytes)
+uint8_t* VTMixOperation::scratch(std::vector<uint8_t>& buffer, size_t bytes)
 {
     if (buffer.size() < bytes)
         buffer.resize(bytes);
-    std::memset(buffer.data(), 0, bytes);
     return buffer.data();
 }
 
@@ -147,7 +157,7 @@ int64_t VTMixOperation::nextSample(void* buffer, int64_t bufferCaps, bool* appen
 
     const int64_t frames = bufferCaps;
     const size_t bytes = static_cast<size_t>(frames) * static_cast<size_t>(context.bytesPerSample());
-    uint8_t* bufferA = zeroedScratch(m_bufferA, bytes);
+    uint8_t* bufferA = scratch(m_bufferA, bytes);
     bool flag1 = false;
     const int64_t count1 = m_source1->nextSample(bufferA, frames, &flag1, context);
 
@@ -155,13 +165,14 @@ int64_t VTMixOperation::nextSample(void* buffer, int64_t bufferCaps, bool* appen
         const int64_t count2 = m_source2->nextSample(buffer, frames, appendBefore, context);
         if (count2 != kEndOfSource)
             return count2;
-        std::memcpy(buffer, bufferA, bytes);
+        // The first source answered silence, which it may not have written.
+        std::memset(buffer, 0, bytes);
         return 0;
     }
     if (count1 == kEndOfSource)
         return m_source2->nextSample(buffer, frames, appendBefore, context);
 
-    uint8_t* bufferB = zeroedScratch(m_bufferB, bytes);
+    uint8_t* bufferB = scratch(m_bufferB, bytes);
     bool flag2 = false;
     const int64_t count2 = m_source2->nextSample(bufferB, frames, &flag2, context);
     if (count2 == kEndOfSource || count2 <= 0) {
@@ -188,9 +199,9 @@ void VTMixOperation::mixInto(void* output, int64_t frames, int64_t pad1, int64_t
     const int64_t channels = context.numberOfChannel();
     if (context.sampleFormat() == kFormatS16) {
         mixFrames<int16_t>(out, m_bufferA.data(), m_bufferB.data(), frames, channels, pad1, count1, pad2, count2,
-                           [](int16_t a, int16_t b) { return mixSample16(a, b); });
+                           mixRun16);
         return;
     }
     mixFrames<float>(out, m_bufferA.data(), m_bufferB.data(), frames, channels, pad1, count1, pad2, count2,
-                     [](float a, float b) { return mixSampleFloat(a, b); });
+                     mixRunFloat);
 }

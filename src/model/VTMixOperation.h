@@ -12,8 +12,10 @@
 //   of the source that has content is taken. The node never writes more than
 //   N frames, whatever count its sources answer.
 // - Scratch buffers A and B are kept in the node and grow only when a larger
-//   request arrives, so a steady pull allocates nothing. A node belongs to
-//   one mix context and is pulled by one thread at a time.
+//   request arrives, so a steady pull allocates nothing. They are not cleared
+//   before a pull: a buffer is read only after its source answered content,
+//   and then the source has written every frame of it. A node belongs to one
+//   mix context and is pulled by one thread at a time.
 #pragma once
 
 #include "model/MixSource.h"
@@ -53,8 +55,8 @@ private:
     // given by the pads and counts (step 7 of the pull).
     void mixInto(void* output, int64_t frames, int64_t pad1, int64_t count1, int64_t pad2, int64_t count2,
                  const VTMixContext& context) const;
-    // Makes `buffer` hold `bytes` zero bytes, growing it only when needed.
-    static uint8_t* zeroedScratch(std::vector<uint8_t>& buffer, size_t bytes);
+    // Makes `buffer` hold at least `bytes` bytes, growing it only when needed.
+    static uint8_t* scratch(std::vector<uint8_t>& buffer, size_t bytes);
 
     std::shared_ptr<brindle::MixSource> m_source1;
     std::shared_ptr<brindle::MixSource> m_source2;

@@ -3,6 +3,7 @@
 #include "codec/KRAudioFrame2.h"
 #include "foundation/Log.h"
 #include "foundation/VTBaseDefine.h"
+#include "model/SimdClones.h"
 
 #include <algorithm>
 #include <cmath>
@@ -22,7 +23,7 @@ void gainUnsigned8(uint8_t* samples, int64_t count, double gain)
     }
 }
 
-void gainSigned16(uint8_t* bytes, int64_t count, double gain)
+BRINDLE_SIMD_CLONES void gainSigned16(uint8_t* bytes, int64_t count, double gain)
 {
     if (std::isfinite(gain)) {
         // A finite gain never makes NaN, so the product only needs clamping
@@ -56,7 +57,7 @@ void gainSigned32(uint8_t* bytes, int64_t count, double gain)
     }
 }
 
-void gainDoubles(uint8_t* bytes, int64_t count, double gain)
+BRINDLE_SIMD_CLONES void gainDoubles(uint8_t* bytes, int64_t count, double gain)
 {
     for (int64_t i = 0; i < count; ++i) {
         double x;
