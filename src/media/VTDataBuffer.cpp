@@ -61,6 +61,11 @@ std::shared_ptr<VTDataBuffer> VTDataBuffer::initWithCacheFile(const QString& cac
     return std::make_shared<VTDataBuffer>(cacheFile);
 }
 
+std::shared_ptr<VTDataBuffer> VTDataBuffer::initWithExistingCacheFile(const QString& cacheFile)
+{
+    return std::shared_ptr<VTDataBuffer>(new VTDataBuffer(cacheFile, FromArchive{}));
+}
+
 QString VTDataBuffer::cachePath()
 {
     QString caches = brindle::searchPathForDirectory(brindle::SearchDirectory::Caches);

@@ -48,6 +48,9 @@ public:
     VTDataBuffer& operator=(const VTDataBuffer&) = delete;
 
     static std::shared_ptr<VTDataBuffer> initWithCacheFile(const QString& cacheFile);
+    // Stores the path of a cache file that another program wrote and creates
+    // nothing: a path read from a document must not make files appear.
+    static std::shared_ptr<VTDataBuffer> initWithExistingCacheFile(const QString& cacheFile);
 
     // "<Caches, or the temporary folder>/com.tarnwell.brindle", created if missing.
     static QString cachePath();

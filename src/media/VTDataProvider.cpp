@@ -149,7 +149,10 @@ std::shared_ptr<VTDataProvider> VTDataProvider::initWithKRDataProvider(const KRD
     provider->m_samplerate = legacy.samplerate;
     provider->m_numberOfChannel = legacy.numbersOfComponent;
     provider->m_cachePathFile = legacy.cachePathFile;
-    provider->m_dataBuffer = VTDataBuffer::initWithCacheFile(legacy.cachePathFile);
+    // The old cache file is reused as it is; a missing one stays missing (its
+    // reads fail and are logged) rather than being created where the
+    // document says.
+    provider->m_dataBuffer = VTDataBuffer::initWithExistingCacheFile(legacy.cachePathFile);
     FrameTable table;
     table.reserve(legacy.cacheTable.size());
     for (const KRDataProviderLegacyFields::Row& row : legacy.cacheTable)

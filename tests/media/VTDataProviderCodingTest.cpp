@@ -5,6 +5,7 @@
 #include "support/TestMedia.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 #include <gtest/gtest.h>
 
@@ -167,6 +168,18 @@ TEST(VTDataProviderCodingTest, aLegacyProviderIsConvertedOntoItsOldCacheFile)
     KRDataProviderLegacyFields unusable = legacy;
     unusable.numbersOfComponent = int64_t(1) << 40;
     EXPECT_FALSE(VTDataProvider::initWithKRDataProvider(unusable));
+
+    // A document naming a cache file that is not there creates no file: its
+    // reads fail instead.
+    KRDataProviderLegacyFields elsewhere = legacy;
+    elsewhere.cachePathFile = QFileInfo(legacy.cachePathFile).absolutePath() + QStringLiteral("/not-written-here.medialibrary");
+    auto missing = VTDataProvider::initWithKRDataProvider(elsewhere);
+    ASSERT_TRUE(missing);
+    EXPECT_FALSE(QFileInfo::exists(elsewhere.cachePathFile));
+    LogCapture log;
+    std::vector<char> buffer(size_t(64 * missing->bytesPerSample()));
+    EXPECT_EQ(missing->readSampleOfCount(64, buffer.data(), 0), 0u);
+    EXPECT_FALSE(QFileInfo::exists(elsewhere.cachePathFile));
 }
 
 TEST(VTDataProviderCodingTest, aTableOutOfStreamOrderIsStillSearchedRowByRow)
