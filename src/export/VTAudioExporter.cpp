@@ -4,6 +4,7 @@
 #include "codec/KRMuxerContext.h"
 #include "codec/KRTimebase.h"
 #include "export/KRExportSettings.h"
+#include "export/MixAheadQueue.h"
 #include "foundation/Log.h"
 #include "model/MixSource.h"
 #include "model/VTMixContext.h"
@@ -16,6 +17,8 @@ namespace {
 
 // A mix that goes on this long past the project's end is stopped.
 constexpr int64_t kRunawayMilliseconds = 10000;
+// Blocks the mixing thread may have ready before the muxer takes them.
+constexpr int kMixAheadBlocks = 8;
 
 }  // namespace
 
@@ -40,6 +43,8 @@ std::shared_ptr<VTAudioExporter> VTAudioExporter::initWithProject(std::shared_pt
 }
 
 VTAudioExporter::VTAudioExporter(std::shared_ptr<VTProject> project) : m_project(std::move(project)) {}
+
+VTAudioExporter::~VTAudioExporter() = default;
 
 int64_t VTAudioExporter::outLength() const
 {
@@ -101,39 +106,88 @@ std::shared_ptr<KRMuxerTask> VTAudioExporter::exportAduioToFile(const QString& p
                                                   static_cast<int32_t>(defaultBlockSampleCount()),
                                                   m_blockBuffer.constData());
 
+    // The mixing thread owns the mix run from here on: it pulls every block,
+    // and ends the run when the mix ends or the export stops.
+    std::shared_ptr<VTProject> project = m_project;
+    auto produced = std::make_shared<int64_t>(0);
+    m_mixAhead = std::make_shared<brindle::MixAheadQueue>(
+        static_cast<qsizetype>(blockBytes), kMixAheadBlocks,
+        [project, mixContext, produced](char* buffer) -> std::optional<brindle::MixAheadQueue::Content> {
+            if (ranAway(*project, *mixContext, *produced))
+                return std::nullopt;
+            const auto content = pullBlock(*project, *mixContext, buffer);
+            if (!content)
+                return std::nullopt;
+            *produced += content->second / mixContext->bytesPerSample();
+            return brindle::MixAheadQueue::Content{content->first, content->second};
+        },
+        [project, mixContext] { project->endMixWithContext(*mixContext); });
+
     auto task = KRMuxerTask::initWithMuxerContext(muxer);
     task->setDataSource(shared_from_this());
     task->setUserObjectContext(mixContext);
     task->setCallbackQueue(callbackQueue);
     m_runningTask = task;
     m_errorMessage.clear();
+    // Once the task completes, for whatever reason, nothing takes blocks any
+    // more: the mixing thread stops.
+    std::weak_ptr<brindle::MixAheadQueue> mixAhead = m_mixAhead;
+    KRMuxerTask::Block stopping = [mixAhead, block = std::move(block)](const QString& action, const QVariant& value) {
+        if (action == KRMuxerTaskActionComplete) {
+            if (auto queue = mixAhead.lock())
+                queue->stop();
+        }
+        if (block)
+            block(action, value);
+    };
     // The thread's start orders everything above before its first pull.
-    if (!task->startMuxerWithBlock(std::move(block)))
+    if (!task->startMuxerWithBlock(std::move(stopping))) {
+        m_mixAhead.reset();
         return nullptr;
+    }
     return task;
 }
 
-std::optional<QByteArrayView> VTAudioExporter::nextSampleDataWithMixContext(VTMixContext& context)
+std::optional<std::pair<qsizetype, qsizetype>> VTAudioExporter::pullBlock(VTProject& project, VTMixContext& context,
+                                                                          char* buffer)
 {
     const int64_t capacity = defaultBlockSampleCount();
     const int64_t frameBytes = context.bytesPerSample();
     const int64_t blockBytes = capacity * frameBytes;
-    if (m_blockBuffer.size() != blockBytes)
-        m_blockBuffer = QByteArray(static_cast<qsizetype>(blockBytes), '\0');
-    char* buffer = m_blockBuffer.data();
     const char silence = context.sampleFormat() == 0 ? char(0x7F) : char(0);
     // A source without state leaves the buffer as it is: start from silence.
     std::memset(buffer, silence, static_cast<size_t>(blockBytes));
 
     bool appendBefore = false;
-    int64_t count = m_project->nextSample(buffer, capacity, &appendBefore, context);
+    int64_t count = project.nextSample(buffer, capacity, &appendBefore, context);
     if (count == brindle::MixSource::kEndOfSource)
         return std::nullopt;
     if (count <= 0)
-        return QByteArrayView(buffer, static_cast<qsizetype>(blockBytes));
+        return std::make_pair(qsizetype(0), static_cast<qsizetype>(blockBytes));
     count = std::min(count, capacity);
     const int64_t offset = appendBefore ? (capacity - count) * frameBytes : 0;
-    return QByteArrayView(buffer + offset, static_cast<qsizetype>(count * frameBytes));
+    return std::make_pair(static_cast<qsizetype>(offset), static_cast<qsizetype>(count * frameBytes));
+}
+
+bool VTAudioExporter::ranAway(const VTProject& project, const VTMixContext& context, int64_t frames)
+{
+    const int64_t maximum = (project.duration() + kRunawayMilliseconds) * context.samplerate() / 1000;
+    if (frames < maximum)
+        return false;
+    brindle::logf("VTAudioExporter: the mix ran on past the project's end; the export stops after %lld frames",
+                  static_cast<long long>(frames));
+    return true;
+}
+
+std::optional<QByteArrayView> VTAudioExporter::nextSampleDataWithMixContext(VTMixContext& context)
+{
+    const qsizetype blockBytes = static_cast<qsizetype>(defaultBlockSampleCount() * context.bytesPerSample());
+    if (m_blockBuffer.size() != blockBytes)
+        m_blockBuffer = QByteArray(blockBytes, '\0');
+    const auto content = pullBlock(*m_project, context, m_blockBuffer.data());
+    if (!content)
+        return std::nullopt;
+    return QByteArrayView(m_blockBuffer.constData() + content->first, content->second);
 }
 
 std::shared_ptr<KRAudioFrame2> VTAudioExporter::KRMuxerTaskGetAudioFrame(KRMuxerTask& task)
@@ -144,18 +198,21 @@ std::shared_ptr<KRAudioFrame2> VTAudioExporter::KRMuxerTaskGetAudioFrame(KRMuxer
         return nullptr;
     }
     VTMixContext& context = **holder;
-    const int64_t maximum = (m_project->duration() + kRunawayMilliseconds) * context.samplerate() / 1000;
-    if (m_outNumberOfSamples >= maximum) {
-        brindle::logf("VTAudioExporter: the mix ran on past the project's end; the export stops after %lld frames",
-                      static_cast<long long>(m_outNumberOfSamples.load()));
-        m_project->endMixWithContext(context);
-        return nullptr;
+    std::optional<QByteArrayView> data;
+    if (m_mixAhead && m_runningTask.lock().get() == &task) {
+        data = m_mixAhead->take();
+    } else {
+        // A task this exporter did not start: mix on the caller's thread.
+        if (ranAway(*m_project, context, m_outNumberOfSamples)) {
+            m_project->endMixWithContext(context);
+            return nullptr;
+        }
+        data = nextSampleDataWithMixContext(context);
+        if (!data)
+            m_project->endMixWithContext(context);
     }
-    const std::optional<QByteArrayView> data = nextSampleDataWithMixContext(context);
-    if (!data) {
-        m_project->endMixWithContext(context);
+    if (!data)
         return nullptr;
-    }
     const auto frames = static_cast<int32_t>(data->size() / context.bytesPerSample());
     // The muxer lets go of the frame before it asks for the next, so the
     // one frame of the run is normally free to refill.

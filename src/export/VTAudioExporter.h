@@ -27,11 +27,18 @@
 //   project's mix run. A mix that runs more than ten seconds past the
 //   project's length is stopped with a log line (the file then ends there).
 // - `outLength` is the project's duration in KRTimebase units.
-// - Buffers: the block buffer and the frame handed to the muxer are made when
-//   an export starts and reused for every block (the frame is refilled in
-//   place once the muxer has let go of it). Both are written and read only
-//   by the muxer task's thread. `outNumberOfSamples` is atomic and may be
-//   read from any thread.
+// - An export started here mixes on a thread of its own, up to eight blocks
+//   ahead of the muxer (MixAheadQueue), so that mixing and encoding run on
+//   two cores; the muxer's pull then takes the next mixed block. The blocks
+//   are the same as those of a pull on the muxer's thread, which is what
+//   `KRMuxerTaskGetAudioFrame` does for a task that this exporter did not
+//   start. The mixing thread ends the project's mix run when the mix ends,
+//   and stops when the task completes (also after a failure or a cancel).
+// - Buffers: the block buffers and the frame handed to the muxer are made
+//   when an export starts and reused for every block (the frame is refilled
+//   in place once the muxer has let go of it). The frame is written and read
+//   only by the muxer task's thread. `outNumberOfSamples` is atomic and may
+//   be read from any thread.
 // - The project must not be edited while an export runs (the editor shows
 //   a modal progress sheet meanwhile).
 #pragma once
@@ -48,9 +55,13 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 
 class KRAudioFrame2;
 class KRExportSettings;
+namespace brindle {
+class MixAheadQueue;
+}
 class VTMixContext;
 class VTProject;
 
@@ -76,6 +87,7 @@ public:
     };
 
     static std::shared_ptr<VTAudioExporter> initWithProject(std::shared_ptr<VTProject> project);
+    ~VTAudioExporter() override;
     static int64_t defaultBlockSampleCount() { return 2048; }
 
     void setOptions(const Options& options) { m_options = options; }
@@ -107,6 +119,13 @@ public:
 
 private:
     explicit VTAudioExporter(std::shared_ptr<VTProject> project);
+    // Pulls one block of the mix into `buffer` (defaultBlockSampleCount frames
+    // of the context's format); where its content lies, or nullopt at the end.
+    static std::optional<std::pair<qsizetype, qsizetype>> pullBlock(VTProject& project, VTMixContext& context,
+                                                                    char* buffer);
+    // Whether a mix that has produced `frames` frames ran too far past the
+    // project's end (logged).
+    static bool ranAway(const VTProject& project, const VTMixContext& context, int64_t frames);
     std::shared_ptr<KRMuxerTask> refuse(const QString& message, const KRMuxerTask::Block& block,
                                         brindle::DispatchQueue* callbackQueue);
 
@@ -119,4 +138,7 @@ private:
     // frame recycled for the muxer. Muxer thread only, once a run started.
     QByteArray m_blockBuffer;
     std::shared_ptr<KRAudioFrame2> m_frame;
+    // The mixing thread of the export this exporter started; replaced only
+    // when no export runs.
+    std::shared_ptr<brindle::MixAheadQueue> m_mixAhead;
 };
