@@ -200,7 +200,8 @@ public:
 
     // Convenience readers for the standard value classes (NSString or
     // NSMutableString, NSURL, NSData or NSMutableData). nullopt when absent,
-    // nil or of another type.
+    // nil or of another type; a URL also when its string or its base does
+    // not parse (logged, and marked as damage).
     std::optional<QString> decodeStringForKey(const QString& key);
     std::optional<QUrl> decodeURLForKey(const QString& key);
     std::optional<QByteArray> decodeDataForKey(const QString& key);

@@ -273,7 +273,18 @@ std::optional<QUrl> KeyedUnarchiver::decodeURLForKey(const QString& key)
     const auto url = decodeObjectOfClass<KeyedURL>(key);
     if (!url)
         return std::nullopt;
-    return url->url();
+    // A string that does not parse as a URL would be archived again as an
+    // empty one, and a base that does not parse is silently dropped when the
+    // relative part is resolved against it; either is refused rather than
+    // handed on as another URL. An empty string stays the empty URL.
+    const QUrl resolved = url->url();
+    for (const QUrl& part : {url->baseURL() ? url->baseURL()->url() : QUrl(), resolved}) {
+        if (!part.isEmpty() && !part.isValid()) {
+            m_state->problem(QStringLiteral("the URL for key '%1' does not parse: %2").arg(key, part.errorString()));
+            return std::nullopt;
+        }
+    }
+    return resolved;
 }
 
 std::optional<QByteArray> KeyedUnarchiver::decodeDataForKey(const QString& key)
