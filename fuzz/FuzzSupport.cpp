@@ -1,8 +1,13 @@
 #include "FuzzSupport.h"
 
+#include "codec/KRZlibCompression.h"
+#include "foundation/KeyedCoding.h"
 #include "foundation/Log.h"
 #include "foundation/UserDefaults.h"
 #include "media/VTDataProvider.h"
+#include "projectfile/KRDataProvider.h"
+#include "projectfile/KRFileStorage.h"
+#include "projectfile/KRMediaTimeline.h"
 #include "support/TestMedia.h"
 
 #include <QDir>
@@ -22,6 +27,56 @@ void pointAt(const char* variable, const QString& path)
 {
     QDir().mkpath(path);
     ::setenv(variable, path.toUtf8().constData(), 1);
+}
+
+QByteArray compressedArchive(const KeyedCoding& object)
+{
+    return KRZlibCompression::zlibCompressionCompress(KeyedArchiver::archivedDataWithRootObject(object));
+}
+
+QByteArray legacyProviderBlock(const VTDataProvider& provider)
+{
+    KRDataProvider legacy;
+    legacy.fields.pathfile = provider.identifier();
+    legacy.fields.cachePathFile = provider.cachePathFile();
+    legacy.fields.sampleFormat = provider.sampleFormat();
+    legacy.fields.samplerate = provider.samplerate();
+    legacy.fields.numbersOfComponent = provider.numberOfChannel();
+    legacy.fields.duration = provider.duration();
+    for (const auto& row : provider.cacheTable())
+        legacy.fields.cacheTable.push_back(
+            {row->offsetOfBuffer(), row->lengthOfBuffer(), row->indexOfSamples(), row->numberOfSamples()});
+    return compressedArchive(legacy);
+}
+
+std::shared_ptr<KRMediaClip> legacyClip(const QString& provider, int64_t start, int64_t duration, uint64_t volume)
+{
+    auto clip = std::make_shared<KRMediaClip>();
+    clip->dataProviderFilename = provider;
+    clip->startTimestamp = start;
+    clip->duration = duration;
+    clip->volume = volume;
+    return clip;
+}
+
+// The container's bytes, written through a scratch file; empty when a write fails.
+QByteArray legacyContainer(const std::vector<QByteArray>& blocks, const QByteArray& trailer)
+{
+    const QString path = scratchFile(QStringLiteral("legacy-seed"));
+    QFile::remove(path);
+    QByteArray bytes;
+    if (auto storage = KRFileStorage::initWithURL(QUrl::fromLocalFile(path))) {
+        bool written = true;
+        for (const QByteArray& block : blocks)
+            written = written && storage->appendBlockData(block);
+        if (!trailer.isEmpty())
+            written = written && storage->updateFiletrailer(trailer);
+        QFile file(path);
+        if (written && file.open(QIODevice::ReadOnly))
+            bytes = file.readAll();
+    }
+    QFile::remove(path);
+    return bytes;
 }
 
 }  // namespace
@@ -134,6 +189,41 @@ std::vector<std::shared_ptr<VTDataProvider>> seedProviders()
             providers.push_back(std::move(provider));
     }
     return providers;
+}
+
+std::vector<QByteArray> legacyProjects(const std::vector<std::shared_ptr<VTDataProvider>>& providers)
+{
+    std::vector<QByteArray> containers;
+    if (providers.empty())
+        return containers;
+    std::vector<QByteArray> blocks;
+    for (const auto& provider : providers)
+        blocks.push_back(legacyProviderBlock(*provider));
+
+    KRMediaTimeline timeline;
+    auto first = std::make_shared<KRMediaTrack>();
+    auto second = std::make_shared<KRMediaTrack>();
+    for (size_t i = 0; i < providers.size(); ++i) {
+        auto clip = legacyClip(providers[i]->identifier(), int64_t(i) * 900, providers[i]->duration(), 40 + 60 * i);
+        clip->timestampOfDataProvider = int64_t(i) * 50;
+        clip->fadeInValidate = i % 2 == 0;
+        clip->fadeInDuration = 200;
+        clip->fadeOutValidate = i % 2 == 1;
+        clip->fadeOutDuration = 300;
+        (i % 2 ? second : first)->clips.push_back(clip);
+    }
+    first->clips.push_back(legacyClip(QStringLiteral("/gone/missing.wav"), 0, 1000, 100));
+    timeline.tracks = {first, second};
+    containers.push_back(legacyContainer(blocks, compressedArchive(timeline)));
+
+    containers.push_back(legacyContainer({blocks.front()}, {}));
+
+    KRMediaTimeline empty;
+    empty.tracks = {std::make_shared<KRMediaTrack>()};
+    containers.push_back(legacyContainer({}, compressedArchive(empty)));
+
+    std::erase_if(containers, [](const QByteArray& bytes) { return bytes.isEmpty(); });
+    return containers;
 }
 
 }  // namespace brindle::fuzz

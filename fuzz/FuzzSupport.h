@@ -10,7 +10,8 @@
 //   BRINDLE_FUZZ_LOG=1. When BRINDLE_FUZZ_WRITE_SEEDS names a folder, it calls
 //   the target's seed writer on that folder and exits.
 // - Seeds are made by the project's own writers: the keyed archiver, the
-//   data provider's decode into cache files, and the WAV writer of the tests.
+//   data provider's decode into cache files, the legacy container's writer
+//   (KRFileStorage) and the WAV writer of the tests.
 //   Seed providers keep their cache files in `home()`, so the seeds stay valid
 //   for every later run that uses the same home.
 // - Single-threaded use, like a fuzz target.
@@ -61,6 +62,15 @@ QByteArray xmlFromBinary(const QByteArray& binary);
 std::vector<QString> seedMediaFiles(bool withEncoded);
 // Providers decoded from a few seed media files into cache files in the home.
 std::vector<std::shared_ptr<VTDataProvider>> seedProviders();
+
+// Legacy project containers written by KRFileStorage's own writer: blocks
+// holding the compressed KRDataProvider archives of `providers` (named by
+// their media paths, reusing their cache files), and a trailer holding the
+// compressed KRMediaTimeline whose clips use them. One container has every
+// provider and two tracks (one of its clips names media that is not there),
+// one has a single provider and no trailer, one has no blocks and a
+// timeline of one empty track.
+std::vector<QByteArray> legacyProjects(const std::vector<std::shared_ptr<VTDataProvider>>& providers);
 
 // Reads little-endian fields from the front of an input; past the end every
 // field reads as zero.

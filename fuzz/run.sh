@@ -6,7 +6,7 @@
 # the executions and the findings (crash-, timeout-, oom-, leak- files).
 set -euo pipefail
 
-usage() { echo "usage: $0 {all|keyed_unarchiver|cache_record|frame_table|provider_registry|demuxer} SECONDS" >&2; exit 2; }
+usage() { echo "usage: $0 {all|keyed_unarchiver|cache_record|frame_table|provider_registry|demuxer|project_document|legacy_container|waveform_encodings} SECONDS" >&2; exit 2; }
 [[ $# -eq 2 ]] || usage
 which_target=$1
 seconds=$2
@@ -14,7 +14,7 @@ seconds=$2
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=$root/build/fuzz
-all_targets=(keyed_unarchiver cache_record frame_table provider_registry demuxer)
+all_targets=(keyed_unarchiver cache_record frame_table provider_registry demuxer project_document legacy_container waveform_encodings)
 if [[ $which_target == all ]]; then
   targets=("${all_targets[@]}")
 else
