@@ -8,6 +8,7 @@
 #include "projectfile/KRDataProvider.h"
 #include "projectfile/KRFileStorage.h"
 #include "projectfile/KRMediaTimeline.h"
+#include "projectfile/LegacyProjectParts.h"
 #include "support/TestMedia.h"
 
 #include <QDir>
@@ -23,40 +24,14 @@
 namespace brindle::fuzz {
 namespace {
 
+using test::compressedArchive;
+using test::legacyClip;
+using test::legacyProviderBlock;
+
 void pointAt(const char* variable, const QString& path)
 {
     QDir().mkpath(path);
     ::setenv(variable, path.toUtf8().constData(), 1);
-}
-
-QByteArray compressedArchive(const KeyedCoding& object)
-{
-    return KRZlibCompression::zlibCompressionCompress(KeyedArchiver::archivedDataWithRootObject(object));
-}
-
-QByteArray legacyProviderBlock(const VTDataProvider& provider)
-{
-    KRDataProvider legacy;
-    legacy.fields.pathfile = provider.identifier();
-    legacy.fields.cachePathFile = provider.cachePathFile();
-    legacy.fields.sampleFormat = provider.sampleFormat();
-    legacy.fields.samplerate = provider.samplerate();
-    legacy.fields.numbersOfComponent = provider.numberOfChannel();
-    legacy.fields.duration = provider.duration();
-    for (const auto& row : provider.cacheTable())
-        legacy.fields.cacheTable.push_back(
-            {row->offsetOfBuffer(), row->lengthOfBuffer(), row->indexOfSamples(), row->numberOfSamples()});
-    return compressedArchive(legacy);
-}
-
-std::shared_ptr<KRMediaClip> legacyClip(const QString& provider, int64_t start, int64_t duration, uint64_t volume)
-{
-    auto clip = std::make_shared<KRMediaClip>();
-    clip->dataProviderFilename = provider;
-    clip->startTimestamp = start;
-    clip->duration = duration;
-    clip->volume = volume;
-    return clip;
 }
 
 // The container's bytes, written through a scratch file; empty when a write fails.

@@ -1,5 +1,7 @@
 #include "projectfile/KRMediaProject.h"
 
+#include "projectfile/LegacyProjectParts.h"
+
 #include "codec/KRZlibCompression.h"
 #include "media/LogCapture.h"
 #include "media/VTDataProvider.h"
@@ -20,6 +22,9 @@
 
 #include <random>
 
+using brindle::test::compressedArchive;
+using brindle::test::legacyClip;
+using brindle::test::legacyProviderBlock;
 using brindle::test::LogCapture;
 
 namespace {
@@ -34,36 +39,6 @@ std::shared_ptr<VTDataProvider> unregisteredTone(int64_t milliseconds, uint32_t 
     auto provider = VTDataProvider::initWithURL(QUrl::fromLocalFile(brindle::test::TestMedia::shared().wav(1, spec)));
     EXPECT_TRUE(provider && provider->startParserWithBlock({}));
     return provider;
-}
-
-QByteArray compressedArchive(const brindle::KeyedCoding& object)
-{
-    return KRZlibCompression::zlibCompressionCompress(brindle::KeyedArchiver::archivedDataWithRootObject(object));
-}
-
-QByteArray legacyProviderBlock(const VTDataProvider& provider)
-{
-    KRDataProvider legacy;
-    legacy.fields.pathfile = provider.identifier();
-    legacy.fields.cachePathFile = provider.cachePathFile();
-    legacy.fields.sampleFormat = provider.sampleFormat();
-    legacy.fields.samplerate = provider.samplerate();
-    legacy.fields.numbersOfComponent = provider.numberOfChannel();
-    legacy.fields.duration = provider.duration();
-    for (const auto& row : provider.cacheTable())
-        legacy.fields.cacheTable.push_back(
-            {row->offsetOfBuffer(), row->lengthOfBuffer(), row->indexOfSamples(), row->numberOfSamples()});
-    return compressedArchive(legacy);
-}
-
-std::shared_ptr<KRMediaClip> legacyClip(const QString& provider, int64_t start, int64_t duration, uint64_t volume)
-{
-    auto clip = std::make_shared<KRMediaClip>();
-    clip->dataProviderFilename = provider;
-    clip->startTimestamp = start;
-    clip->duration = duration;
-    clip->volume = volume;
-    return clip;
 }
 
 QString writeLegacyProject(const QString& name, const std::vector<QByteArray>& blocks, const QByteArray& trailer)
