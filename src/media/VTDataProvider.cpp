@@ -138,6 +138,12 @@ void VTDataProvider::seekToSampleOffset(uint64_t sampleOffset)
 
 std::shared_ptr<VTDataProvider> VTDataProvider::initWithKRDataProvider(const KRDataProviderLegacyFields& legacy)
 {
+    // A provider is known by its media's path: without one, no clip could
+    // name it in a saved project (an empty name there means "no media").
+    if (legacy.pathfile.isEmpty()) {
+        brindle::log(QStringLiteral("Warning: legacy data provider without a media path; it is skipped."));
+        return nullptr;
+    }
     if (!hasUsableFormat(legacy.sampleFormat, legacy.numbersOfComponent) || legacy.samplerate <= 0) {
         brindle::log(QStringLiteral("Warning: legacy data provider of %1 has an unusable format; it is skipped.")
                          .arg(legacy.pathfile));

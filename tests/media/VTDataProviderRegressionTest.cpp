@@ -1,5 +1,6 @@
 // Inputs found by fuzzing the provider's frame table against damaged cache
-// files; each once crashed or tripped a sanitizer.
+// files and older project files; each once crashed, tripped a sanitizer or
+// broke a round trip.
 #include "media/VTDataProvider.h"
 
 #include "LogCapture.h"
@@ -59,4 +60,20 @@ TEST(VTDataProviderRegressionTest, aRowWhoseSampleCountOverflowsItsByteSizeIsRea
     EXPECT_EQ(provider->readSampleOfCount(64, buffer.data(), 9449054082766156322ull), 0u);
     EXPECT_EQ(provider->readSampleOfCount(64, buffer.data(), 1800), 0u);
     EXPECT_FALSE(log.lines().isEmpty());
+}
+
+TEST(VTDataProviderRegressionTest, aLegacyProviderWithoutAMediaPathIsNotConverted)
+{
+    // Such a provider was registered under an empty identifier; a clip of an
+    // older project could name it, and lost it when the converted project was
+    // saved and opened again (an empty name reads as "no media").
+    ToneSpec spec;
+    spec.frames = 800;
+    const ImportedMedia& imported = importedMedia(TestMedia::shared().wav(1, spec));
+    ASSERT_TRUE(imported.provider);
+    KRDataProviderLegacyFields fields = fieldsOf(*imported.provider);
+    fields.pathfile.clear();
+    LogCapture log;
+    EXPECT_FALSE(VTDataProvider::initWithKRDataProvider(fields));
+    EXPECT_TRUE(log.lines().contains(QStringLiteral("Warning: legacy data provider without a media path; it is skipped.")));
 }
