@@ -41,10 +41,8 @@ void MixAheadQueue::run(const Produce& produce, const std::function<void()>& fin
         lock.unlock();
         const std::optional<Content> content = produce(slot.bytes.data());
         lock.lock();
-        if (!content) {
-            m_ended = true;
+        if (!content)
             break;
-        }
         slot.content = *content;
         ++m_ready;
         m_changed.notify_all();

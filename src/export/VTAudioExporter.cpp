@@ -4,7 +4,6 @@
 #include "codec/KRMuxerContext.h"
 #include "codec/KRTimebase.h"
 #include "export/KRExportSettings.h"
-#include "export/MixAheadQueue.h"
 #include "foundation/Log.h"
 #include "model/MixSource.h"
 #include "model/VTMixContext.h"
@@ -116,10 +115,9 @@ std::shared_ptr<KRMuxerTask> VTAudioExporter::exportAduioToFile(const QString& p
             if (ranAway(*project, *mixContext, *produced))
                 return std::nullopt;
             const auto content = pullBlock(*project, *mixContext, buffer);
-            if (!content)
-                return std::nullopt;
-            *produced += content->second / mixContext->bytesPerSample();
-            return brindle::MixAheadQueue::Content{content->first, content->second};
+            if (content)
+                *produced += content->size / mixContext->bytesPerSample();
+            return content;
         },
         [project, mixContext] { project->endMixWithContext(*mixContext); });
 
@@ -148,7 +146,7 @@ std::shared_ptr<KRMuxerTask> VTAudioExporter::exportAduioToFile(const QString& p
     return task;
 }
 
-std::optional<std::pair<qsizetype, qsizetype>> VTAudioExporter::pullBlock(VTProject& project, VTMixContext& context,
+std::optional<brindle::MixAheadQueue::Content> VTAudioExporter::pullBlock(VTProject& project, VTMixContext& context,
                                                                           char* buffer)
 {
     const int64_t capacity = defaultBlockSampleCount();
@@ -163,10 +161,10 @@ std::optional<std::pair<qsizetype, qsizetype>> VTAudioExporter::pullBlock(VTProj
     if (count == brindle::MixSource::kEndOfSource)
         return std::nullopt;
     if (count <= 0)
-        return std::make_pair(qsizetype(0), static_cast<qsizetype>(blockBytes));
+        return brindle::MixAheadQueue::Content{0, static_cast<qsizetype>(blockBytes)};
     count = std::min(count, capacity);
     const int64_t offset = appendBefore ? (capacity - count) * frameBytes : 0;
-    return std::make_pair(static_cast<qsizetype>(offset), static_cast<qsizetype>(count * frameBytes));
+    return brindle::MixAheadQueue::Content{static_cast<qsizetype>(offset), static_cast<qsizetype>(count * frameBytes)};
 }
 
 bool VTAudioExporter::ranAway(const VTProject& project, const VTMixContext& context, int64_t frames)
@@ -187,7 +185,7 @@ std::optional<QByteArrayView> VTAudioExporter::nextSampleDataWithMixContext(VTMi
     const auto content = pullBlock(*m_project, context, m_blockBuffer.data());
     if (!content)
         return std::nullopt;
-    return QByteArrayView(m_blockBuffer.constData() + content->first, content->second);
+    return QByteArrayView(m_blockBuffer.constData() + content->offset, content->size);
 }
 
 std::shared_ptr<KRAudioFrame2> VTAudioExporter::KRMuxerTaskGetAudioFrame(KRMuxerTask& task)

@@ -44,6 +44,7 @@
 #pragma once
 
 #include "codec/KRMuxerTask.h"
+#include "export/MixAheadQueue.h"
 #include "foundation/Dispatch.h"
 
 #include <QByteArray>
@@ -55,13 +56,9 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <utility>
 
 class KRAudioFrame2;
 class KRExportSettings;
-namespace brindle {
-class MixAheadQueue;
-}
 class VTMixContext;
 class VTProject;
 
@@ -121,7 +118,7 @@ private:
     explicit VTAudioExporter(std::shared_ptr<VTProject> project);
     // Pulls one block of the mix into `buffer` (defaultBlockSampleCount frames
     // of the context's format); where its content lies, or nullopt at the end.
-    static std::optional<std::pair<qsizetype, qsizetype>> pullBlock(VTProject& project, VTMixContext& context,
+    static std::optional<brindle::MixAheadQueue::Content> pullBlock(VTProject& project, VTMixContext& context,
                                                                     char* buffer);
     // Whether a mix that has produced `frames` frames ran too far past the
     // project's end (logged).
