@@ -5,6 +5,7 @@
 #include "foundation/Log.h"
 #include "foundation/UserDefaults.h"
 #include "media/VTDataProvider.h"
+#include "media/VTDataProviderMgr.h"
 #include "projectfile/KRDataProvider.h"
 #include "projectfile/KRFileStorage.h"
 #include "projectfile/KRMediaTimeline.h"
@@ -17,6 +18,7 @@
 
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <unistd.h>
@@ -199,6 +201,17 @@ std::vector<QByteArray> legacyProjects(const std::vector<std::shared_ptr<VTDataP
 
     std::erase_if(containers, [](const QByteArray& bytes) { return bytes.isEmpty(); });
     return containers;
+}
+
+void forgetProvidersAddedSince(const std::vector<std::shared_ptr<VTDataProvider>>& before)
+{
+    VTDataProviderMgr& registry = VTDataProviderMgr::shareDataProviderMgr();
+    VTDataProviderMgr::ProviderList added;
+    for (const auto& provider : registry.dataProviders())
+        if (std::find(before.begin(), before.end(), provider) == before.end())
+            added.push_back(provider);
+    if (!added.empty())
+        registry.removeDataProviders(added);
 }
 
 }  // namespace brindle::fuzz

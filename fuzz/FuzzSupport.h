@@ -72,6 +72,11 @@ std::vector<std::shared_ptr<VTDataProvider>> seedProviders();
 // timeline of one empty track.
 std::vector<QByteArray> legacyProjects(const std::vector<std::shared_ptr<VTDataProvider>>& providers);
 
+// Removes from the shared registry every provider that is not in `before`,
+// so that every input starts from the registry the seeds left (readers of
+// older projects register what they convert).
+void forgetProvidersAddedSince(const std::vector<std::shared_ptr<VTDataProvider>>& before);
+
 // Reads little-endian fields from the front of an input; past the end every
 // field reads as zero.
 class InputReader {

@@ -119,19 +119,6 @@ void convert(const QUrl& url)
         std::abort();
 }
 
-// Drops what the conversion registered for this input, so that every input
-// starts from the same registry.
-void forgetProvidersAddedSince(const VTDataProviderMgr::ProviderList& before)
-{
-    VTDataProviderMgr& registry = VTDataProviderMgr::shareDataProviderMgr();
-    VTDataProviderMgr::ProviderList added;
-    for (const auto& provider : registry.dataProviders())
-        if (std::find(before.begin(), before.end(), provider) == before.end())
-            added.push_back(provider);
-    if (!added.empty())
-        registry.removeDataProviders(added);
-}
-
 // The container at `path` with its blocks and trailer inflated; empty when
 // it cannot be read.
 QByteArray inflatedContainer(const QString& path)
@@ -197,7 +184,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             convert(QUrl::fromLocalFile(compressed));
         QFile::remove(compressed);
     }
-    forgetProvidersAddedSince(before);
+    fuzz::forgetProvidersAddedSince(before);
     // Readers only: the file must be as it was written.
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly) ||

@@ -73,19 +73,6 @@ bool sameProject(const VTProject& a, const VTProject& b)
     return true;
 }
 
-// Drops what the legacy reader registered for this input, so that every
-// input starts from the registry the seeds left.
-void forgetProvidersAddedSince(const VTDataProviderMgr::ProviderList& before)
-{
-    VTDataProviderMgr& registry = VTDataProviderMgr::shareDataProviderMgr();
-    VTDataProviderMgr::ProviderList added;
-    for (const auto& provider : registry.dataProviders())
-        if (std::find(before.begin(), before.end(), provider) == before.end())
-            added.push_back(provider);
-    if (!added.empty())
-        registry.removeDataProviders(added);
-}
-
 std::shared_ptr<VTClip> clipOf(const VTDataProvider& provider, int64_t start)
 {
     auto clip = VTClip::initWithDataProviderIDs(provider.identifier());
@@ -187,7 +174,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (again.errorCode != 0 || again.projects.size() != 1 || !sameProject(project, *again.projects.front()))
             std::abort();
     }
-    forgetProvidersAddedSince(before);
+    fuzz::forgetProvidersAddedSince(before);
     QFile::remove(path);
     return 0;
 }
