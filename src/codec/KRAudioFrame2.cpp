@@ -34,18 +34,6 @@ bool isPackedSampleFormat(int32_t sampleFormat)
     return isKnownSampleFormat(sampleFormat) && !av_sample_fmt_is_planar(AVSampleFormat(sampleFormat));
 }
 
-// Bytes of `samples` interleaved frames, or -1 when the description is out of range.
-int64_t packedByteCount(int32_t sampleFormat, int64_t channels, int64_t sampleRate, int64_t samples)
-{
-    if (!isPackedSampleFormat(sampleFormat) || channels < 1 || channels > kMaximumChannels || samples < 1 ||
-        sampleRate < 1)
-        return -1;
-    int64_t bytes = samples * channels * KRAudioFrame2::bytesForSampleFormat(sampleFormat);
-    if (bytes > kMaximumFrameBytes)
-        return -1;
-    return bytes;
-}
-
 // Interleaves `channels` planes of `samples` samples of `width` bytes each.
 void interleave(const uint8_t* const* planes, int channels, int samples, int width, uint8_t* out)
 {
@@ -75,6 +63,17 @@ void interleave(const uint8_t* const* planes, int channels, int samples, int wid
 }
 
 }  // namespace
+
+int64_t KRAudioFrame2::packedByteCount(int32_t sampleFormat, int64_t channels, int64_t sampleRate, int64_t samples)
+{
+    if (!isPackedSampleFormat(sampleFormat) || channels < 1 || channels > kMaximumChannels || samples < 1 ||
+        sampleRate < 1)
+        return -1;
+    int64_t bytes = samples * channels * KRAudioFrame2::bytesForSampleFormat(sampleFormat);
+    if (bytes > kMaximumFrameBytes)
+        return -1;
+    return bytes;
+}
 
 std::shared_ptr<KRAudioFrame2> KRAudioFrame2::initWithSampleFormat(int32_t sampleFormat, int64_t numberOfChannel,
                                                                    int64_t sampleRate, int32_t numberOfSamples,

@@ -51,6 +51,10 @@ public:
     static int32_t packedSampleFormat(int32_t sampleFormat);
     // Bytes of one sample of one channel; 0 for an unknown code.
     static int32_t bytesForSampleFormat(int32_t sampleFormat);
+    // The byte size of a packed frame with these fields, or -1 when a frame
+    // with them is refused (the rules of initWithSampleFormat).
+    static int64_t packedByteCount(int32_t sampleFormat, int64_t numberOfChannel, int64_t sampleRate,
+                                   int64_t numberOfSamples);
     // FFmpeg's default channel layout mask for a channel count.
     static uint64_t defaultChannelLayoutByChannel(int64_t channels);
 

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -121,30 +122,46 @@ bool VTDataBuffer::flushCacheDataBuffer()
 
 QByteArray VTDataBuffer::readDataBuffer(uint64_t length, uint64_t offset) const
 {
-    QByteArray result;
-    const uint64_t fileLength = this->length();
+    // Sized for what exists at most, so a damaged length never allocates more than that.
+    const uint64_t held = uint64_t(m_cacheDataBuffer.size());
+    const uint64_t available = this->length() + held;
+    if (available <= offset) {
+        brindle::log(QStringLiteral("reach to end of data buffer."));
+        return QByteArray();
+    }
+    QByteArray result(qsizetype(std::min(length, available - offset)), Qt::Uninitialized);
+    result.truncate(qsizetype(readDataBuffer(result.data(), uint64_t(result.size()), offset)));
+    return result;
+}
+
+uint64_t VTDataBuffer::readDataBuffer(char* out, uint64_t length, uint64_t offset) const
+{
+    uint64_t fileLength = m_lengthSeen.load(std::memory_order_relaxed);
+    if (offset >= fileLength || length > fileLength - offset) {
+        fileLength = this->length();
+        m_lengthSeen.store(fileLength, std::memory_order_relaxed);
+    }
     const uint64_t held = uint64_t(m_cacheDataBuffer.size());
     if (fileLength + held <= offset) {
         brindle::log(QStringLiteral("reach to end of data buffer."));
-        return result;
+        return 0;
     }
-    if (offset < fileLength) {
-        // Bounded by the file, so a damaged length never allocates more than exists.
-        const uint64_t wanted = std::min(length, fileLength - offset);
-        result.resize(qsizetype(wanted));
-        const int fd = readDescriptor();
-        const int64_t got = fd >= 0 ? brindle::cachefile::readAtDescriptor(fd, result.data(), int64_t(wanted), int64_t(offset))
-                                    : -1;
-        result.truncate(qsizetype(std::max<int64_t>(got, 0)));
-        const uint64_t missing = length - uint64_t(result.size());
-        if (missing > 0 && held > 0)
-            result.append(m_cacheDataBuffer.constData(), qsizetype(std::min(missing, held)));
-        return result;
+    if (offset >= fileLength) {
+        const uint64_t count = std::min(length, held - (offset - fileLength));
+        std::memcpy(out, m_cacheDataBuffer.constData() + (offset - fileLength), size_t(count));
+        return count;
     }
-    const uint64_t start = offset - fileLength;
-    const uint64_t count = std::min(length, held - start);
-    result.append(m_cacheDataBuffer.constData() + start, qsizetype(count));
-    return result;
+    const uint64_t wanted = std::min(length, fileLength - offset);
+    const int fd = readDescriptor();
+    const int64_t got = fd >= 0 ? brindle::cachefile::readAtDescriptor(fd, out, int64_t(wanted), int64_t(offset)) : -1;
+    uint64_t done = uint64_t(std::max<int64_t>(got, 0));
+    // The held bytes continue the stream only where the file really ended.
+    if (done == wanted && wanted < length && held > 0) {
+        const uint64_t more = std::min(length - wanted, held);
+        std::memcpy(out + done, m_cacheDataBuffer.constData(), size_t(more));
+        done += more;
+    }
+    return done;
 }
 
 uint64_t VTDataBuffer::length() const
@@ -158,6 +175,7 @@ uint64_t VTDataBuffer::length() const
 void VTDataBuffer::clearCache()
 {
     m_cacheDataBuffer.truncate(0);
+    m_lengthSeen.store(0, std::memory_order_relaxed);
     if (!brindle::cachefile::truncateToEmpty(m_dataBufferFile))
         logWriteFailure(m_dataBufferFile);
 }

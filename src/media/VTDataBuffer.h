@@ -70,6 +70,10 @@ public:
     // Writes the held bytes to the end of the file. False when the write failed (logged).
     bool flushCacheDataBuffer();
     QByteArray readDataBuffer(uint64_t length, uint64_t offset) const;
+    // The same read into `out`, which has room for `length` bytes; answers
+    // how many were read. Allocates nothing, and reads inside the part of the
+    // file already seen by an earlier read make one system call.
+    uint64_t readDataBuffer(char* out, uint64_t length, uint64_t offset) const;
     // The file's size on disk; held bytes are not counted. 0 when the file is missing.
     uint64_t length() const;
     // Bytes written but not yet in the file.
@@ -100,6 +104,10 @@ private:
     // Written once under m_readDescriptorMutex, read by every reading thread.
     mutable std::atomic<int> m_readDescriptor{-1};
     mutable std::mutex m_readDescriptorMutex;
+    // The file's size as last examined by a read. The file only grows while
+    // it is read (clearCache, which empties it, never runs beside a read),
+    // so a read that ends inside it need not examine the file again.
+    mutable std::atomic<uint64_t> m_lengthSeen{0};
     std::once_flag m_queueOnce;
     std::unique_ptr<brindle::SerialQueue> m_dataBufferQueue;
 };

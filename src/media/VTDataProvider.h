@@ -76,11 +76,21 @@ public:
         // How many frames reads through this cursor have unpacked.
         uint64_t framesUnpacked() const { return m_framesUnpacked; }
 
+        // Forgets the frame; the memory for its samples is kept for the next.
+        void reset()
+        {
+            m_tableSerial = 0;
+            m_position = 0;
+            m_holdsFrame = false;
+        }
+
     private:
         friend class VTDataProvider;
         uint64_t m_tableSerial = 0;
         size_t m_position = 0;
-        std::shared_ptr<KRAudioFrame2> m_frame;
+        // The packed samples of the frame in row m_position, when m_holdsFrame.
+        std::vector<char> m_samples;
+        bool m_holdsFrame = false;
         uint64_t m_framesUnpacked = 0;
     };
 
@@ -171,6 +181,8 @@ private:
     std::optional<size_t> rowPositionOf(const VTAudioFrameInfo* row) const;
     // The frame stored for `row`, checked against the row and this provider's format.
     std::shared_ptr<KRAudioFrame2> frameOfRow(const VTAudioFrameInfo& row) const;
+    // Unpacks the samples of `row` into `samples`; false (logged) when the record is damaged.
+    bool unpackRow(const VTAudioFrameInfo& row, std::vector<char>& samples) const;
     // numberOfSamples without the log line: 0 when the table has no end marker.
     uint64_t samplesInTable() const;
 

@@ -3,6 +3,7 @@
 #include "media/VTDataProvider.h"
 
 #include "codec/KRAudioFrame2.h"
+#include "codec/KRAudioFrameRecord.h"
 #include "codec/KRDemuxerContext.h"
 #include "codec/KRZlibCompression.h"
 #include "foundation/Log.h"
@@ -91,7 +92,7 @@ public:
                 return cursor;
         }
         VTDataProvider::FrameCursor& taken = m_cursors[m_next];
-        taken = VTDataProvider::FrameCursor();
+        taken.reset();
         m_next = (m_next + 1) % m_cursors.size();
         return taken;
     }
@@ -101,6 +102,14 @@ private:
     size_t m_next = 0;
 };
 thread_local RecentFrames t_recentFrames;
+
+// What one thread needs to unpack records: the record's bytes as read and
+// the reader that inflates and decodes them, both kept between records.
+struct RecordScratch {
+    std::vector<char> record;
+    KRAudioFrameRecordReader reader;
+};
+thread_local RecordScratch t_recordScratch;
 
 std::atomic<uint64_t> g_nextTableSerial{1};
 
@@ -266,9 +275,37 @@ std::shared_ptr<KRAudioFrame2> VTDataProvider::frameOfRow(const VTAudioFrameInfo
     return frame;
 }
 
+bool VTDataProvider::unpackRow(const VTAudioFrameInfo& row, std::vector<char>& samples) const
+{
+    // Most records are unpacked by the reader for their fixed layout, which
+    // allocates nothing; anything it does not take goes the generic way,
+    // which also says what is wrong with a damaged record.
+    int64_t expectedBytes = 0;
+    const bool sizeOverflows = __builtin_mul_overflow(row.numberOfSamples(), int64_t(bytesPerSample()), &expectedBytes);
+    if (m_dataBuffer && row.offsetOfBuffer() >= 0 && row.lengthOfBuffer() > 0 && row.numberOfSamples() > 0 &&
+        row.numberOfSamples() <= std::numeric_limits<int32_t>::max() && !sizeOverflows && expectedBytes > 0 &&
+        expectedBytes <= kMaximumFrameBytes && row.lengthOfBuffer() <= expectedBytes + kArchiveOverhead) {
+        RecordScratch& scratch = t_recordScratch;
+        const auto length = uint64_t(row.lengthOfBuffer());
+        if (scratch.record.size() < length)
+            scratch.record.resize(length);
+        const KRAudioFrameRecordReader::Shape shape{m_sampleFormat, m_numberOfChannel, int32_t(row.numberOfSamples()),
+                                                    expectedBytes};
+        if (m_dataBuffer->readDataBuffer(scratch.record.data(), length, uint64_t(row.offsetOfBuffer())) == length &&
+            scratch.reader.unpack(scratch.record.data(), length, shape, samples))
+            return true;
+    }
+    const std::shared_ptr<KRAudioFrame2> frame = frameOfRow(row);
+    if (!frame)
+        return false;
+    const QByteArray& packed = frame->dataOfPackedSamples();
+    samples.assign(packed.constData(), packed.constData() + packed.size());
+    return true;
+}
+
 std::optional<size_t> VTDataProvider::continuedPosition(const FrameCursor& cursor, uint64_t index) const
 {
-    if (!m_tableInStreamOrder || cursor.m_tableSerial != m_tableSerial || !cursor.m_frame)
+    if (!m_tableInStreamOrder || cursor.m_tableSerial != m_tableSerial || !cursor.m_holdsFrame)
         return std::nullopt;
     for (size_t candidate : {cursor.m_position, cursor.m_position + 1}) {
         if (candidate < m_cacheTable.size() && m_cacheTable[candidate]->containsSampleIndex(index))
@@ -308,22 +345,18 @@ uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_
             logDamagedRecord(m_cachePathFile, row, "rows out of order");
             break;
         }
-        std::shared_ptr<KRAudioFrame2> frame;
-        if (cursor.m_tableSerial == m_tableSerial && cursor.m_position == *position && cursor.m_frame) {
-            frame = cursor.m_frame;
-        } else {
-            frame = frameOfRow(row);
-            if (!frame)
+        if (cursor.m_tableSerial != m_tableSerial || cursor.m_position != *position || !cursor.m_holdsFrame) {
+            cursor.reset();
+            if (!unpackRow(row, cursor.m_samples))
                 break;
             cursor.m_tableSerial = m_tableSerial;
             cursor.m_position = *position;
-            cursor.m_frame = frame;
+            cursor.m_holdsFrame = true;
             ++cursor.m_framesUnpacked;
         }
         const uint64_t skip = index - uint64_t(row.indexOfSamples());
         const uint64_t n = std::min(count - done, uint64_t(row.numberOfSamples()) - skip);
-        std::memcpy(destination + done * frameBytes, frame->dataOfPackedSamples().constData() + skip * frameBytes,
-                    size_t(n * frameBytes));
+        std::memcpy(destination + done * frameBytes, cursor.m_samples.data() + skip * frameBytes, size_t(n * frameBytes));
         index += n;
         done += n;
         *position += 1;

@@ -1,0 +1,175 @@
+#include "codec/KRAudioFrameRecord.h"
+
+#include "codec/Adler32.h"
+#include "codec/KRAudioFrame2.h"
+#include "foundation/BplistReader.h"
+
+#include <zlib.h>
+
+#include <climits>
+#include <cstring>
+
+using brindle::BplistObject;
+using brindle::BplistReader;
+using brindle::BplistType;
+
+namespace {
+
+// The archive around a frame's samples (keys, class names, the property
+// list's tables) is a few hundred bytes; a record that inflates to more than
+// this beyond its samples is left to the generic path.
+constexpr size_t kArchiveOverhead = 4096;
+// Larger dictionaries are not the layout this reader knows.
+constexpr uint64_t kMostKeys = 16;
+// As many class names as the generic unarchiver takes in a $classes chain.
+constexpr uint64_t kMostClassNames = 64;
+
+// The value of the last key equal to `key` (the generic unarchiver's rule for
+// repeated keys); kNoRef when absent or when any key is not a string.
+uint64_t valueOf(const BplistReader& reader, const BplistObject& dictionary, QStringView key)
+{
+    uint64_t found = BplistReader::kNoRef;
+    for (uint64_t i = 0; i < dictionary.count; ++i) {
+        const BplistObject name = reader.object(reader.keyRef(dictionary, i));
+        if (!name.isString())
+            return BplistReader::kNoRef;
+        if (reader.stringEquals(name, key))
+            found = reader.valueRef(dictionary, i);
+    }
+    return found;
+}
+
+bool isSmallDictionary(const BplistObject& object)
+{
+    return object.type == BplistType::Dictionary && object.count <= kMostKeys;
+}
+
+// The object `uid` refers to in $objects; Invalid when out of range.
+BplistObject slot(const BplistReader& reader, const BplistObject& objects, const BplistObject& uid)
+{
+    if (uid.type != BplistType::UID || uid.low == 0 || uid.low >= objects.count)
+        return {};
+    return reader.object(reader.elementRef(objects, uid.low));
+}
+
+bool isFrameClass(const BplistReader& reader, const BplistObject& classDictionary)
+{
+    if (!isSmallDictionary(classDictionary))
+        return false;
+    const BplistObject name = reader.object(valueOf(reader, classDictionary, u"$classname"));
+    if (!name.isString() || !reader.stringEquals(name, u"KRAudioFrame2"))
+        return false;
+    const uint64_t chainRef = valueOf(reader, classDictionary, u"$classes");
+    if (chainRef == BplistReader::kNoRef)
+        return true;
+    const BplistObject chain = reader.object(chainRef);
+    if (chain.type != BplistType::Array || chain.count > kMostClassNames)
+        return false;
+    for (uint64_t i = 0; i < chain.count; ++i) {
+        const BplistObject entry = reader.object(reader.elementRef(chain, i));
+        // Well-formed UTF-16 is what the generic reader requires of a name.
+        if (!entry.isString() || (entry.type == BplistType::Utf16String && !reader.string(entry)))
+            return false;
+    }
+    return true;
+}
+
+// An integer field of the frame; nullopt unless it is stored as an integer.
+std::optional<int64_t> integerField(const BplistReader& reader, const BplistObject& frame, QStringView key)
+{
+    const BplistObject value = reader.object(valueOf(reader, frame, key));
+    if (value.type != BplistType::Integer)
+        return std::nullopt;
+    return value.signedValue();
+}
+
+}  // namespace
+
+struct KRAudioFrameRecordReader::Inflater {
+    z_stream stream{};
+    bool ready = false;
+
+    // A raw inflater: the zlib header and the Adler-32 trailer are read here.
+    Inflater() { ready = inflateInit2(&stream, -MAX_WBITS) == Z_OK; }
+    ~Inflater()
+    {
+        if (ready)
+            inflateEnd(&stream);
+    }
+};
+
+KRAudioFrameRecordReader::KRAudioFrameRecordReader() : m_inflater(std::make_unique<Inflater>()) {}
+
+KRAudioFrameRecordReader::~KRAudioFrameRecordReader() = default;
+
+bool KRAudioFrameRecordReader::unpack(const char* record, size_t size, const Shape& shape, std::vector<char>& samples)
+{
+    if (!record || shape.packedBytes <= 0 || uint64_t(shape.packedBytes) > UINT_MAX - kArchiveOverhead)
+        return false;
+    if (!inflateRecord(reinterpret_cast<const unsigned char*>(record), size, size_t(shape.packedBytes) + kArchiveOverhead))
+        return false;
+    return readArchive(shape, samples);
+}
+
+bool KRAudioFrameRecordReader::inflateRecord(const unsigned char* record, size_t size, size_t limit)
+{
+    // Two header bytes, at least one byte of deflate data, four trailer bytes.
+    if (!m_inflater->ready || size < 7 || size - 6 > UINT_MAX)
+        return false;
+    const unsigned method = record[0];
+    const unsigned flags = record[1];
+    const bool header = (method & 0x0f) == Z_DEFLATED && (method >> 4) <= 7 && (method * 256 + flags) % 31 == 0 &&
+                        (flags & 0x20) == 0;  // no preset dictionary
+    if (!header || inflateReset(&m_inflater->stream) != Z_OK)
+        return false;
+    if (m_archive.size() < limit)
+        m_archive.resize(limit);
+    z_stream& stream = m_inflater->stream;
+    stream.next_in = const_cast<unsigned char*>(record + 2);
+    stream.avail_in = uInt(size - 6);
+    stream.next_out = m_archive.data();
+    stream.avail_out = uInt(limit);
+    // One call with all of the input and room for all of the output: with
+    // Z_FINISH zlib then keeps no window, so nothing is allocated or copied.
+    if (inflate(&stream, Z_FINISH) != Z_STREAM_END || stream.avail_in != 0)
+        return false;
+    m_archiveSize = limit - stream.avail_out;
+    const unsigned char* trailer = record + size - 4;
+    const uint32_t stored = uint32_t(trailer[0]) << 24 | uint32_t(trailer[1]) << 16 | uint32_t(trailer[2]) << 8 | trailer[3];
+    return brindle::adler32(1, m_archive.data(), m_archiveSize) == stored;
+}
+
+bool KRAudioFrameRecordReader::readArchive(const Shape& shape, std::vector<char>& samples) const
+{
+    BplistReader reader;
+    if (!reader.open(reinterpret_cast<const char*>(m_archive.data()), m_archiveSize))
+        return false;
+    const BplistObject root = reader.object(reader.topObject());
+    if (!isSmallDictionary(root))
+        return false;
+    const BplistObject archiver = reader.object(valueOf(reader, root, u"$archiver"));
+    const BplistObject version = reader.object(valueOf(reader, root, u"$version"));
+    const BplistObject top = reader.object(valueOf(reader, root, u"$top"));
+    const BplistObject objects = reader.object(valueOf(reader, root, u"$objects"));
+    if (!reader.stringEquals(archiver, u"NSKeyedArchiver") || version.signedValue() != 100000 ||
+        !isSmallDictionary(top) || objects.type != BplistType::Array)
+        return false;
+    const BplistObject frame = slot(reader, objects, reader.object(valueOf(reader, top, u"root")));
+    if (!isSmallDictionary(frame) || !isFrameClass(reader, slot(reader, objects, reader.object(valueOf(reader, frame, u"$class")))))
+        return false;
+    const std::optional<int64_t> format = integerField(reader, frame, u"kKRSampleFormat");
+    const std::optional<int64_t> channels = integerField(reader, frame, u"kKRNumberOfChannel");
+    const std::optional<int64_t> rate = integerField(reader, frame, u"kKRSampleRate");
+    const std::optional<int64_t> count = integerField(reader, frame, u"kKRNumberOfSamples");
+    const BplistObject data = reader.object(valueOf(reader, frame, u"kKRPackedSamples"));
+    if (format != shape.sampleFormat || channels != shape.numberOfChannel || count != shape.numberOfSamples ||
+        !rate || data.type != BplistType::Data || data.count != uint64_t(shape.packedBytes))
+        return false;
+    // The rules that decoding a frame applies to its fields.
+    if (KRAudioFrame2::packedByteCount(shape.sampleFormat, shape.numberOfChannel, *rate, shape.numberOfSamples) !=
+        shape.packedBytes)
+        return false;
+    samples.resize(size_t(shape.packedBytes));
+    std::memcpy(samples.data(), m_archive.data() + data.payload, size_t(shape.packedBytes));
+    return true;
+}

@@ -1,0 +1,53 @@
+// Unpacking of the records that decoding writes into a PCM cache file: a zlib
+// stream around the keyed archive of one KRAudioFrame2.
+//
+// Contract
+// - `unpack` reads exactly that layout without building the generic object
+//   graph: it inflates into a buffer it keeps, checks the stream's Adler-32,
+//   walks the property list with BplistReader and copies the packed samples
+//   into the caller's buffer. Once its buffers have grown to the largest
+//   record, a run of records allocates nothing.
+// - It accepts a record only when the generic path (inflate, then
+//   KeyedUnarchiver::unarchivedObjectOfClass<KRAudioFrame2>) would accept it
+//   and yield a frame of exactly the expected shape; for any other input it
+//   answers false without logging, and the caller takes the generic path,
+//   which reads every archive and says what is wrong with a damaged one.
+// - Every offset and length comes from the record and is checked before use.
+// - A reader belongs to one thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+class KRAudioFrameRecordReader {
+public:
+    // The frame a record must hold to be accepted.
+    struct Shape {
+        int32_t sampleFormat = 0;
+        int64_t numberOfChannel = 0;
+        int32_t numberOfSamples = 0;
+        int64_t packedBytes = 0;  // numberOfSamples × channels × bytes per sample
+    };
+
+    KRAudioFrameRecordReader();
+    ~KRAudioFrameRecordReader();
+    KRAudioFrameRecordReader(const KRAudioFrameRecordReader&) = delete;
+    KRAudioFrameRecordReader& operator=(const KRAudioFrameRecordReader&) = delete;
+
+    // True when `record` holds a frame of exactly `shape`; its samples are
+    // then in `samples` (resized to shape.packedBytes). On false `samples`
+    // holds nothing useful.
+    bool unpack(const char* record, size_t size, const Shape& shape, std::vector<char>& samples);
+
+private:
+    struct Inflater;
+    // Inflates the zlib stream into m_archive (at most `limit` bytes).
+    bool inflateRecord(const unsigned char* record, size_t size, size_t limit);
+    bool readArchive(const Shape& shape, std::vector<char>& samples) const;
+
+    std::unique_ptr<Inflater> m_inflater;
+    std::vector<unsigned char> m_archive;
+    size_t m_archiveSize = 0;
+};
