@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <cstring>
 #include <vector>
 
@@ -70,6 +72,51 @@ TEST(VTSampleBlockTest, everySampleFormatIsScannedInItsOwnScaleFromTheStartingLe
     EXPECT_EQ(VTSampleBlock::initWithIndexOfDataProvider(3, 10, u8)->maxSampleOfChannel(0), 127.0);
 
     EXPECT_FALSE(VTSampleBlock::initWithIndexOfDataProvider(0, 10, nullptr));
+}
+
+// Long stretches are scanned many samples at a time; the extremes must be
+// those of a plain sample-by-sample scan for every format and channel count,
+// at any start and length, with NaN never taken as an extreme.
+TEST(VTSampleBlockTest, longStretchesOfAnyChannelCountGiveTheExtremesOfEverySample)
+{
+    constexpr int64_t kFrames = 1000;
+    auto value = [](int64_t frame, int channel) -> double {
+        const int64_t mixed = (frame * 7919 + channel * 104729) % 2001;
+        return double(mixed - 1000) / 8.0;  // -125 … 125
+    };
+    for (int32_t format = 0; format <= 4; ++format) {
+        for (int channels : {1, 2, 3, 8}) {
+            SCOPED_TRACE(QStringLiteral("format %1, %2 channels").arg(format).arg(channels).toStdString());
+            const bool floating = format >= 3;
+            auto sample = [&](int64_t frame, int channel) -> double {
+                if (floating && frame % 97 == 13)
+                    return std::numeric_limits<double>::quiet_NaN();
+                const double v = value(frame, channel);
+                return format == 0 ? std::floor(v) + 128 : format <= 2 ? std::floor(v * (format == 1 ? 200 : 8e6)) : v;
+            };
+            const QByteArray bytes = format == 0   ? interleaved<uint8_t>(kFrames, channels, sample)
+                                     : format == 1 ? interleaved<int16_t>(kFrames, channels, sample)
+                                     : format == 2 ? interleaved<int32_t>(kFrames, channels, sample)
+                                     : format == 3 ? interleaved<float>(kFrames, channels, sample)
+                                                   : interleaved<double>(kFrames, channels, sample);
+            auto provider = providerWithSamples(QStringLiteral("long-%1ch").arg(channels), format, channels, 8000, bytes);
+            ASSERT_TRUE(provider);
+            for (auto [start, count] : {std::pair<int64_t, int64_t>{0, kFrames}, {5, 37}, {17, 1}, {3, 500}, {990, 50}}) {
+                auto block = VTSampleBlock::initWithIndexOfDataProvider(uint64_t(start), uint64_t(count), provider);
+                for (int c = 0; c < channels; ++c) {
+                    double max = format == 0 ? 127.0 : 0.0;
+                    double min = max;
+                    for (int64_t f = start; f < std::min(start + count, kFrames); ++f) {
+                        const double v = format == 3 ? double(float(sample(f, c))) : sample(f, c);
+                        max = v > max ? v : max;
+                        min = min > v ? v : min;
+                    }
+                    ASSERT_EQ(block->maxSampleOfChannel(c), max) << start << "+" << count << " channel " << c;
+                    ASSERT_EQ(block->minSampleOfChannel(c), min) << start << "+" << count << " channel " << c;
+                }
+            }
+        }
+    }
 }
 
 TEST(VTSampleBlockTest, blocksAcrossCacheFramesMatchTheSamplesAndAWalkUnpacksEachFrameOnce)
