@@ -1,10 +1,14 @@
 // Fuzzes one PCM cache record: a zlib stream that inflates to the keyed
 // archive of a KRAudioFrame2. The first byte says whether the rest is the
 // record as stored (inflated first) or the archive itself (fed to the
-// unarchiver directly, so the fuzzer can shape archives quickly).
+// unarchiver directly, so the fuzzer can shape archives quickly). A stored
+// record also goes through the reader for the fixed record layout, which
+// must accept nothing that the generic path refuses and must read the same
+// samples.
 #include "FuzzSupport.h"
 
 #include "codec/KRAudioFrame2.h"
+#include "codec/KRAudioFrameRecord.h"
 #include "codec/KRZlibCompression.h"
 #include "foundation/KeyedCoding.h"
 #include "media/VTDataBuffer.h"
@@ -53,6 +57,21 @@ void writeSeeds(fuzz::SeedFolder& seeds)
 
 }  // namespace
 
+// The fixed-layout reader on `record` for `shape`: whatever it accepts, the
+// generic reading `frame` (null when it refused) must have given the same.
+void checkRecordReader(const QByteArray& record, const KRAudioFrameRecordReader::Shape& shape,
+                       const std::shared_ptr<KRAudioFrame2>& frame)
+{
+    static KRAudioFrameRecordReader reader;
+    std::vector<char> samples;
+    if (!reader.unpack(record.constData(), size_t(record.size()), shape, samples))
+        return;
+    if (!frame || frame->sampleFormat() != shape.sampleFormat || frame->numberOfChannel() != shape.numberOfChannel ||
+        frame->numberOfSamples() != shape.numberOfSamples ||
+        frame->dataOfPackedSamples() != QByteArray(samples.data(), qsizetype(samples.size())))
+        std::abort();
+}
+
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     fuzz::initialize("cache_record", writeSeeds);
@@ -69,13 +88,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         archive = rest;
     } else {
         const auto inflated = KRZlibCompression::zlibCompressionUncompress(rest, kRecordLimit);
-        if (!inflated)
-            return 0;
-        if (inflated->size() > kRecordLimit)
+        if (inflated && inflated->size() > kRecordLimit)
             std::abort();
-        archive = *inflated;
+        if (inflated)
+            archive = *inflated;
     }
-    const auto frame = KeyedUnarchiver::unarchivedObjectOfClass<KRAudioFrame2>(archive);
+    const auto frame = archive.isEmpty() ? nullptr : KeyedUnarchiver::unarchivedObjectOfClass<KRAudioFrame2>(archive);
+    if (!(data[0] & 1)) {
+        // The shapes of the seed records, and the decoded frame's own.
+        checkRecordReader(rest, {1, 2, 1024, 4096}, frame);
+        checkRecordReader(rest, {3, 2, 1152, 9216}, frame);
+        if (frame)
+            checkRecordReader(rest, {frame->sampleFormat(), frame->numberOfChannel(), frame->numberOfSamples(),
+                                     int64_t(frame->dataOfPackedSamples().size())}, frame);
+    }
     if (!frame)
         return 0;
     checkFrame(*frame);

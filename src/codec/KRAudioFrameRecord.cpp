@@ -6,6 +6,7 @@
 
 #include <zlib.h>
 
+#include <array>
 #include <climits>
 #include <cstring>
 
@@ -24,19 +25,33 @@ constexpr uint64_t kMostKeys = 16;
 // As many class names as the generic unarchiver takes in a $classes chain.
 constexpr uint64_t kMostClassNames = 64;
 
-// The value of the last key equal to `key` (the generic unarchiver's rule for
-// repeated keys); kNoRef when absent or when any key is not a string.
-uint64_t valueOf(const BplistReader& reader, const BplistObject& dictionary, QStringView key)
+// The values of `keys` in `dictionary`, found in one pass over its keys; the
+// last of repeated keys wins, as in the generic unarchiver. Absent keys give
+// kNoRef. False when any key is not a string.
+template <size_t N>
+bool valuesOf(const BplistReader& reader, const BplistObject& dictionary, const std::array<QStringView, N>& keys,
+              std::array<uint64_t, N>& values)
 {
-    uint64_t found = BplistReader::kNoRef;
+    values.fill(BplistReader::kNoRef);
     for (uint64_t i = 0; i < dictionary.count; ++i) {
         const BplistObject name = reader.object(reader.keyRef(dictionary, i));
         if (!name.isString())
-            return BplistReader::kNoRef;
-        if (reader.stringEquals(name, key))
-            found = reader.valueRef(dictionary, i);
+            return false;
+        for (size_t k = 0; k < N; ++k) {
+            if (name.count == uint64_t(keys[k].size()) && reader.stringEquals(name, keys[k])) {
+                values[k] = reader.valueRef(dictionary, i);
+                break;
+            }
+        }
     }
-    return found;
+    return true;
+}
+
+// The value of one key (see valuesOf).
+uint64_t valueOf(const BplistReader& reader, const BplistObject& dictionary, QStringView key)
+{
+    std::array<uint64_t, 1> value;
+    return valuesOf<1>(reader, dictionary, {key}, value) ? value[0] : BplistReader::kNoRef;
 }
 
 bool isSmallDictionary(const BplistObject& object)
@@ -75,9 +90,9 @@ bool isFrameClass(const BplistReader& reader, const BplistObject& classDictionar
 }
 
 // An integer field of the frame; nullopt unless it is stored as an integer.
-std::optional<int64_t> integerField(const BplistReader& reader, const BplistObject& frame, QStringView key)
+std::optional<int64_t> integerAt(const BplistReader& reader, uint64_t ref)
 {
-    const BplistObject value = reader.object(valueOf(reader, frame, key));
+    const BplistObject value = reader.object(ref);
     if (value.type != BplistType::Integer)
         return std::nullopt;
     return value.signedValue();
@@ -145,23 +160,29 @@ bool KRAudioFrameRecordReader::readArchive(const Shape& shape, std::vector<char>
     if (!reader.open(reinterpret_cast<const char*>(m_archive.data()), m_archiveSize))
         return false;
     const BplistObject root = reader.object(reader.topObject());
-    if (!isSmallDictionary(root))
+    std::array<uint64_t, 4> archive;
+    if (!isSmallDictionary(root) || !valuesOf<4>(reader, root, {u"$archiver", u"$version", u"$top", u"$objects"}, archive))
         return false;
-    const BplistObject archiver = reader.object(valueOf(reader, root, u"$archiver"));
-    const BplistObject version = reader.object(valueOf(reader, root, u"$version"));
-    const BplistObject top = reader.object(valueOf(reader, root, u"$top"));
-    const BplistObject objects = reader.object(valueOf(reader, root, u"$objects"));
-    if (!reader.stringEquals(archiver, u"NSKeyedArchiver") || version.signedValue() != 100000 ||
-        !isSmallDictionary(top) || objects.type != BplistType::Array)
+    const BplistObject top = reader.object(archive[2]);
+    const BplistObject objects = reader.object(archive[3]);
+    if (!reader.stringEquals(reader.object(archive[0]), u"NSKeyedArchiver") ||
+        reader.object(archive[1]).signedValue() != 100000 || !isSmallDictionary(top) ||
+        objects.type != BplistType::Array)
         return false;
     const BplistObject frame = slot(reader, objects, reader.object(valueOf(reader, top, u"root")));
-    if (!isSmallDictionary(frame) || !isFrameClass(reader, slot(reader, objects, reader.object(valueOf(reader, frame, u"$class")))))
+    std::array<uint64_t, 6> fields;
+    if (!isSmallDictionary(frame) ||
+        !valuesOf<6>(reader, frame,
+                     {u"$class", u"kKRSampleFormat", u"kKRNumberOfChannel", u"kKRSampleRate", u"kKRNumberOfSamples",
+                      u"kKRPackedSamples"},
+                     fields) ||
+        !isFrameClass(reader, slot(reader, objects, reader.object(fields[0]))))
         return false;
-    const std::optional<int64_t> format = integerField(reader, frame, u"kKRSampleFormat");
-    const std::optional<int64_t> channels = integerField(reader, frame, u"kKRNumberOfChannel");
-    const std::optional<int64_t> rate = integerField(reader, frame, u"kKRSampleRate");
-    const std::optional<int64_t> count = integerField(reader, frame, u"kKRNumberOfSamples");
-    const BplistObject data = reader.object(valueOf(reader, frame, u"kKRPackedSamples"));
+    const std::optional<int64_t> format = integerAt(reader, fields[1]);
+    const std::optional<int64_t> channels = integerAt(reader, fields[2]);
+    const std::optional<int64_t> rate = integerAt(reader, fields[3]);
+    const std::optional<int64_t> count = integerAt(reader, fields[4]);
+    const BplistObject data = reader.object(fields[5]);
     if (format != shape.sampleFormat || channels != shape.numberOfChannel || count != shape.numberOfSamples ||
         !rate || data.type != BplistType::Data || data.count != uint64_t(shape.packedBytes))
         return false;
