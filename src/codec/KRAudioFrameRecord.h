@@ -6,7 +6,9 @@
 //   graph: it inflates into a buffer it keeps, checks the stream's Adler-32,
 //   walks the property list with BplistReader and copies the packed samples
 //   into the caller's buffer. Once its buffers have grown to the largest
-//   record, a run of records allocates nothing.
+//   record, a run of records allocates nothing. Records of one stream share
+//   their layout: an archive equal to the last accepted one everywhere but in
+//   its samples is taken without walking it again.
 // - It accepts a record only when the generic path (inflate, then
 //   KeyedUnarchiver::unarchivedObjectOfClass<KRAudioFrame2>) would accept it
 //   and yield a frame of exactly the expected shape; for any other input it
@@ -45,9 +47,24 @@ private:
     struct Inflater;
     // Inflates the zlib stream into m_archive (at most `limit` bytes).
     bool inflateRecord(const unsigned char* record, size_t size, size_t limit);
-    bool readArchive(const Shape& shape, std::vector<char>& samples) const;
+    // Walks the inflated archive; on success remembers its layout.
+    bool readArchive(const Shape& shape);
+    // Whether the inflated archive differs from the last accepted one only
+    // inside its samples, so that it needs no walk.
+    bool matchesLastLayout(const Shape& shape) const;
+    void rememberLayout(const Shape& shape, size_t payload);
+
+    // The last archive accepted: every byte but its samples.
+    struct Layout {
+        bool valid = false;
+        size_t archiveSize = 0;
+        size_t payload = 0;  // where the samples start
+        Shape shape;
+        std::vector<unsigned char> framing;  // the bytes before and after the samples
+    };
 
     std::unique_ptr<Inflater> m_inflater;
     std::vector<unsigned char> m_archive;
     size_t m_archiveSize = 0;
+    Layout m_layout;
 };
