@@ -13,9 +13,9 @@ brindle::MixSource* VTProject::mixRoot(VTMixContext& context)
 
 void VTProject::startMixWithContext(VTMixContext& context)
 {
-    if (duration() <= 0)
-        return;
     const auto list = tracks();
+    if (list->empty() || duration() <= 0)
+        return;
     std::shared_ptr<brindle::MixSource> root;
     if (list->size() == 1) {
         root = list->front();

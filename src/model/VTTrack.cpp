@@ -191,9 +191,11 @@ brindle::MixSource* VTTrack::mixRoot(VTMixContext& context) const
 
 void VTTrack::startMixWithContext(VTMixContext& context)
 {
-    if (duration() <= 0)
-        return;
+    // One snapshot of the clips decides the tree: an edit on another thread
+    // may empty the track between any two loads.
     const auto list = clips();
+    if (list->empty() || duration() <= 0)
+        return;
     if (list->size() == 1) {
         std::shared_ptr<brindle::MixSource> clip = list->front();
         context.setUserInfo(clip, m_uuidString);
