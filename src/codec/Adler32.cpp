@@ -1,12 +1,13 @@
 #include "codec/Adler32.h"
 
+#include "foundation/CpuFeatures.h"
+
 #include <zlib.h>
 
 #include <algorithm>
 
-#if defined(__x86_64__) && defined(__GNUC__)
+#ifdef BRINDLE_HAS_X86_INTRINSICS
 #include <immintrin.h>
-#define BRINDLE_ADLER32_AVX2 1
 #endif
 
 namespace brindle {
@@ -23,7 +24,7 @@ uint32_t zlibAdler32(uint32_t adler, const unsigned char* bytes, size_t length)
     return uint32_t(::adler32_z(adler, bytes, length));
 }
 
-#ifdef BRINDLE_ADLER32_AVX2
+#ifdef BRINDLE_HAS_X86_INTRINSICS
 
 __attribute__((target("avx2"))) uint64_t sumOfLanes(__m256i v)
 {
@@ -71,20 +72,14 @@ __attribute__((target("avx2"))) uint32_t avx2Adler32(uint32_t adler, const unsig
     return uint32_t((s2 % kBase) << 16 | (s1 % kBase));
 }
 
-bool hasAvx2()
-{
-    static const bool has = __builtin_cpu_supports("avx2");
-    return has;
-}
-
 #endif
 
 }  // namespace
 
 uint32_t adler32(uint32_t adler, const unsigned char* bytes, size_t length)
 {
-#ifdef BRINDLE_ADLER32_AVX2
-    if (hasAvx2())
+#ifdef BRINDLE_HAS_X86_INTRINSICS
+    if (processorHasAvx2())
         return avx2Adler32(adler, bytes, length);
 #endif
     return zlibAdler32(adler, bytes, length);
