@@ -4,6 +4,9 @@
 #include "foundation/Log.h"
 
 #include <QCoreApplication>
+#include <QDataStream>
+#include <QFile>
+#include <QFileInfo>
 #include <QSettings>
 
 #include <chrono>
@@ -43,6 +46,85 @@ bool acceptKey(const QString& key, const char* operation)
     return false;
 }
 
+// The settings file holds the map of keys to values as a QDataStream after a
+// magic number and a format version. The provider registry is one byte
+// array of several megabytes per hour of imported media; a text (ini) file
+// escapes it byte by byte and takes seconds to parse at every start, while
+// this reads it back as one block.
+constexpr quint32 kFileMagic = 0x42524446;  // "BRDF"
+constexpr quint32 kFileVersion = 1;
+constexpr QDataStream::Version kStreamVersion = QDataStream::Qt_6_4;
+
+// Keeps a damaged settings file beside the new one instead of letting the
+// next write replace it.
+void setAsideDamaged(QIODevice& device)
+{
+    const auto* file = qobject_cast<QFile*>(&device);
+    if (!file)
+        return;
+    const QString aside = file->fileName() + QStringLiteral(".damaged");
+    QFile::remove(aside);
+    const bool kept = QFile::copy(file->fileName(), aside);
+    logf("UserDefaults: the settings file %s is damaged and is not used%s", qUtf8Printable(file->fileName()),
+         kept ? qUtf8Printable(QStringLiteral("; a copy is kept as ") + aside) : "");
+}
+
+bool readSettingsFile(QIODevice& device, QSettings::SettingsMap& map)
+{
+    // An empty file is a fresh one.
+    if (device.atEnd())
+        return true;
+    QDataStream in(&device);
+    in.setVersion(kStreamVersion);
+    quint32 magic = 0;
+    quint32 version = 0;
+    in >> magic >> version;
+    QSettings::SettingsMap read;
+    if (magic == kFileMagic && version == kFileVersion)
+        in >> read;
+    if (magic != kFileMagic || version != kFileVersion || in.status() != QDataStream::Ok || !in.atEnd()) {
+        setAsideDamaged(device);
+        return false;
+    }
+    map = std::move(read);
+    return true;
+}
+
+bool writeSettingsFile(QIODevice& device, const QSettings::SettingsMap& map)
+{
+    QDataStream out(&device);
+    out.setVersion(kStreamVersion);
+    out << kFileMagic << kFileVersion << map;
+    return out.status() == QDataStream::Ok;
+}
+
+QSettings::Format settingsFormat()
+{
+    static const QSettings::Format format =
+        QSettings::registerFormat(QStringLiteral("defaults"), readSettingsFile, writeSettingsFile);
+    return format;
+}
+
+// Settings written by earlier versions as an ini file are carried over once,
+// when no settings file of the current format exists yet; the ini file is
+// removed only after its values are safely in the new file.
+void adoptIniSettings(QSettings& settings)
+{
+    const QString iniFile = QFileInfo(settings.fileName()).path() + QStringLiteral("/brindle.conf");
+    if (QFile::exists(settings.fileName()) || !QFile::exists(iniFile))
+        return;
+    const QSettings ini(iniFile, QSettings::IniFormat);
+    const QStringList keys = ini.allKeys();
+    for (const QString& key : keys)
+        settings.setValue(key, ini.value(key));
+    settings.sync();
+    if (settings.status() == QSettings::NoError && QFile::exists(settings.fileName())) {
+        QFile::remove(iniFile);
+        logf("UserDefaults: %lld settings carried over from %s", static_cast<long long>(keys.size()),
+             qUtf8Printable(iniFile));
+    }
+}
+
 // Changes are kept in memory at once and written shortly afterwards, so that a
 // burst of changes (or one large value) costs one write. synchronize() writes
 // at once, and so does the destruction of the application object.
@@ -60,7 +142,9 @@ struct Store {
     QSettings& settingsLocked()
     {
         if (!settings) {
-            settings = std::make_unique<QSettings>(QStringLiteral("tarnwell"), QStringLiteral("brindle"));
+            settings = std::make_unique<QSettings>(settingsFormat(), QSettings::UserScope, QStringLiteral("tarnwell"),
+                                                   QStringLiteral("brindle"));
+            adoptIniSettings(*settings);
             settings->moveToThread(nullptr);
         }
         return *settings;
@@ -130,6 +214,18 @@ Store& store()
 }
 
 }  // namespace
+
+QString UserDefaults::fileName()
+{
+    Store& s = store();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.settingsLocked().fileName();
+}
+
+std::unique_ptr<QSettings> UserDefaults::settingsForFile(const QString& path)
+{
+    return std::make_unique<QSettings>(path, settingsFormat());
+}
 
 UserDefaults& UserDefaults::standardUserDefaults()
 {

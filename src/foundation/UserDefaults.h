@@ -1,5 +1,8 @@
 // User defaults over QSettings (organisation "tarnwell", application "brindle"),
-// stored as an ini file under XDG_CONFIG_HOME.
+// stored under XDG_CONFIG_HOME in a binary settings file (a text file would
+// escape the large registry value byte by byte). Settings of an earlier ini
+// file are carried over on first use; a damaged file is set aside, logged,
+// and not used.
 // Thread-safe: every access holds one lock.
 // - Keys are flat: dots are plain characters, and '/' or '\\' in a key do not
 //   make groups (they are escaped). An empty key is refused with a log line.
@@ -13,13 +16,20 @@
 #include <QString>
 #include <QVariant>
 
+#include <memory>
 #include <optional>
+
+class QSettings;
 
 namespace brindle {
 
 class UserDefaults {
 public:
     static UserDefaults& standardUserDefaults();
+    // Where the defaults are stored, and a QSettings over any file of that
+    // format (for tools and tests that read one from disk).
+    static QString fileName();
+    static std::unique_ptr<QSettings> settingsForFile(const QString& path);
 
     // The value if it is a byte array; nothing when absent or of another type.
     std::optional<QByteArray> dataForKey(const QString& key) const;

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QFile>
 #include <QRandomGenerator>
 #include <QSettings>
@@ -23,7 +24,7 @@ namespace {
 // cannot see.
 QString settingsFileName()
 {
-    static const QString name = QSettings(QStringLiteral("tarnwell"), QStringLiteral("brindle")).fileName();
+    static const QString name = UserDefaults::fileName();
     return name;
 }
 
@@ -31,10 +32,30 @@ QString settingsFileName()
 // from disk instead of answering from the copy it already holds in memory.
 std::unique_ptr<QSettings> reopenFromDisk(const QString& name)
 {
-    const QString copy = test::TestEnvironment::current().makeScratchDirectory(name) + QStringLiteral("/copy.conf");
+    const QString copy = test::TestEnvironment::current().makeScratchDirectory(name) + QStringLiteral("/copy.defaults");
     if (!QFile::copy(settingsFileName(), copy))
         return nullptr;
-    return std::make_unique<QSettings>(copy, QSettings::IniFormat);
+    return UserDefaults::settingsForFile(copy);
+}
+
+// The settings folder of this test process, made if missing. The tests
+// that place a file there before the defaults are first used need a process
+// of their own, as ctest gives each test; they skip themselves otherwise.
+QString settingsFolderBeforeFirstUse()
+{
+    const QString folder = test::TestEnvironment::current().root() + QStringLiteral("/config/tarnwell");
+    QDir().mkpath(folder);
+    return folder;
+}
+
+QByteArray utf16BigEndian(const QString& text)
+{
+    QByteArray out;
+    for (QChar c : text) {
+        out.append(static_cast<char>(c.unicode() >> 8));
+        out.append(static_cast<char>(c.unicode() & 0xff));
+    }
+    return out;
 }
 
 QByteArray awkwardBytes()
@@ -144,7 +165,57 @@ TEST(UserDefaultsTest, ChangesReachTheFileWithoutAnExplicitSynchronize)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         std::ifstream file(path, std::ios::binary);
         const std::string content((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-        written = content.find("deferred.write=@ByteArray(later)") != std::string::npos;
+        // Keys are stored as UTF-16 (big-endian), byte arrays as they are.
+        const QByteArray key = utf16BigEndian(QStringLiteral("deferred.write"));
+        written = content.find(std::string(key.constData(), size_t(key.size()))) != std::string::npos &&
+                  content.find("later") != std::string::npos;
     }
     EXPECT_TRUE(written);
+}
+
+TEST(UserDefaultsTest, SettingsOfAnEarlierIniFileAreCarriedOverOnceAndTheIniFileRemoved)
+{
+    const QString folder = settingsFolderBeforeFirstUse();
+    const QString ini = folder + QStringLiteral("/brindle.conf");
+    {
+        QSettings earlier(ini, QSettings::IniFormat);
+        earlier.setValue(QStringLiteral("com.quarnely.brindle"), awkwardBytes());
+        earlier.setValue(QStringLiteral("a.number"), 42);
+        earlier.sync();
+        ASSERT_EQ(earlier.status(), QSettings::NoError);
+    }
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    if (defaults.valueForKey(QStringLiteral("a.number")).toInt() != 42 && QFile::exists(ini))
+        GTEST_SKIP() << "the defaults were made by an earlier test of this process";
+    EXPECT_EQ(defaults.dataForKey(QStringLiteral("com.quarnely.brindle")), awkwardBytes());
+    EXPECT_EQ(defaults.valueForKey(QStringLiteral("a.number")).toInt(), 42);
+    EXPECT_FALSE(QFile::exists(ini));
+    auto fromDisk = reopenFromDisk(QStringLiteral("carried"));
+    ASSERT_TRUE(fromDisk);
+    EXPECT_EQ(fromDisk->value(QStringLiteral("com.quarnely.brindle")).toByteArray(), awkwardBytes());
+}
+
+TEST(UserDefaultsTest, ADamagedSettingsFileIsSetAsideAndNotUsed)
+{
+    const QString folder = settingsFolderBeforeFirstUse();
+    const QString file = folder + QStringLiteral("/brindle.defaults");
+    // The magic number and version, then a map whose length runs past the end.
+    const QByteArray damaged = QByteArray::fromHex("425244460000000100000005") + QByteArray("\x00\x00\x00\x10k", 5);
+    {
+        QFile out(file);
+        ASSERT_TRUE(out.open(QIODevice::WriteOnly));
+        out.write(damaged);
+    }
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    EXPECT_FALSE(defaults.valueForKey(QStringLiteral("k")).isValid());
+    if (!QFile::exists(file + QStringLiteral(".damaged")))
+        GTEST_SKIP() << "the defaults were made by an earlier test of this process";
+    defaults.setValue(QStringLiteral("fresh"), QStringLiteral("after.damage"));
+    defaults.synchronize();
+    QFile aside(file + QStringLiteral(".damaged"));
+    ASSERT_TRUE(aside.open(QIODevice::ReadOnly));
+    EXPECT_EQ(aside.readAll(), damaged);
+    auto fromDisk = reopenFromDisk(QStringLiteral("after-damage"));
+    ASSERT_TRUE(fromDisk);
+    EXPECT_EQ(fromDisk->value(QStringLiteral("after.damage")).toString(), QStringLiteral("fresh"));
 }
