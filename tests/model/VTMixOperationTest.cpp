@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
 #include <vector>
 
@@ -99,6 +100,55 @@ TEST(VTMixOperationTest, sixteenBitSamplesMixWithSoftSaturation)
     EXPECT_FLOAT_EQ(VTMixOperation::mixSampleFloat(0.9f, 0.8f), 0.98f);
     EXPECT_FLOAT_EQ(VTMixOperation::mixSampleFloat(1.5f, 0.0f), 1.0f);
     EXPECT_FLOAT_EQ(VTMixOperation::mixSampleFloat(-1.5f, 0.0f), -1.0f);
+}
+
+// Every pair of a grid of values (the extremes, values around zero and
+// around the saturation points, factors of 32767 = 7 × 31 × 151 whose
+// products divide exactly, and a spread between), mixed by the node in one
+// long buffer, equals mixSample16 of that pair.
+TEST(VTMixOperationTest, everyPairOfSixteenBitValuesMixesAsTheSampleRuleSays)
+{
+    std::vector<int16_t> values{-32768, -32767, -32766, -16384, -2, -1, 0, 1, 2, 16383, 16384, 32766, 32767,
+                                7,      31,     151,    217,    1057, 4681, -151, -217};
+    for (int v = -32768; v < 32768; v += 499)
+        values.push_back(int16_t(v));
+    std::vector<int16_t> first;
+    std::vector<int16_t> second;
+    for (int16_t x : values) {
+        for (int16_t y : values) {
+            first.push_back(x);
+            second.push_back(y);
+        }
+    }
+    // An odd sample count, so the tail after whole vectors is mixed too.
+    first.push_back(123);
+    second.push_back(-77);
+    const int64_t frames = int64_t(first.size() + 1) / 2;
+    first.resize(size_t(frames * 2), 9);
+    second.resize(size_t(frames * 2), 9);
+
+    class SamplesSource final : public MixSource {
+    public:
+        explicit SamplesSource(std::vector<int16_t> samples) : m_samples(std::move(samples)) {}
+        void startMixWithContext(VTMixContext&) override {}
+        void seekToTimestamp(int64_t, VTMixContext&) override {}
+        bool isEndOfSource(VTMixContext&) override { return false; }
+        void endMixWithContext(VTMixContext&) override {}
+        int64_t nextSample(void* buffer, int64_t frames, bool*, VTMixContext&) override
+        {
+            std::copy_n(m_samples.begin(), frames * 2, static_cast<int16_t*>(buffer));
+            return frames;
+        }
+
+    private:
+        std::vector<int16_t> m_samples;
+    };
+    VTMixContext context(48000, 2, 1);
+    VTMixOperation node(std::make_shared<SamplesSource>(first), std::make_shared<SamplesSource>(second));
+    std::vector<int16_t> mixed(first.size());
+    ASSERT_EQ(node.nextSample(mixed.data(), frames, nullptr, context), frames);
+    for (size_t i = 0; i < mixed.size(); ++i)
+        ASSERT_EQ(mixed[i], VTMixOperation::mixSample16(first[i], second[i])) << first[i] << " with " << second[i];
 }
 
 TEST(VTMixOperationTest, twoFullSourcesAreMixedFrameByFrame)
