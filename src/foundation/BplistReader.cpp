@@ -1,5 +1,7 @@
 #include "foundation/BplistReader.h"
 
+#include <QtEndian>
+
 #include <cstring>
 #include <limits>
 
@@ -13,6 +15,20 @@ constexpr uint64_t kTrailerSize = 32;
 
 uint64_t bigEndian(const unsigned char* at, unsigned width)
 {
+    // Offsets, references and integers are almost always 1, 2, 4 or 8 bytes
+    // wide: those are read as one load each.
+    switch (width) {
+    case 1:
+        return at[0];
+    case 2:
+        return qFromBigEndian<uint16_t>(at);
+    case 4:
+        return qFromBigEndian<uint32_t>(at);
+    case 8:
+        return qFromBigEndian<uint64_t>(at);
+    default:
+        break;
+    }
     uint64_t value = 0;
     for (unsigned i = 0; i < width; ++i)
         value = (value << 8) | at[i];

@@ -62,7 +62,7 @@ bool KeyedUnarchiver::State::hasStringKeys(const BplistObject& dictionary)
     if (!spend(dictionary.count))
         return false;
     for (uint64_t i = 0; i < dictionary.count; ++i) {
-        if (!reader.object(reader.keyRef(dictionary, i)).isString()) {
+        if (!keyObject(reader.keyRef(dictionary, i)).isString()) {
             problem(QStringLiteral("a dictionary has a key that is not a string"));
             return false;
         }
@@ -81,6 +81,16 @@ void KeyedUnarchiver::State::buildIndex(Frame& frame)
     }
 }
 
+BplistObject KeyedUnarchiver::State::keyObject(uint64_t ref)
+{
+    KeyCacheEntry& entry = keyCache[ref % keyCache.size()];
+    if (entry.ref != ref) {
+        entry.ref = ref;
+        entry.object = reader.object(ref);
+    }
+    return entry.object;
+}
+
 uint64_t KeyedUnarchiver::State::lookupRaw(Frame& frame, QStringView key, bool extraDollar)
 {
     const BplistObject& dictionary = frame.dictionary;
@@ -91,7 +101,7 @@ uint64_t KeyedUnarchiver::State::lookupRaw(Frame& frame, QStringView key, bool e
         return frame.index->value(stored, BplistReader::kNoRef);
     }
     for (uint64_t i = dictionary.count; i-- > 0;) {
-        if (reader.stringEquals(reader.object(reader.keyRef(dictionary, i)), key, extraDollar))
+        if (reader.stringEquals(keyObject(reader.keyRef(dictionary, i)), key, extraDollar))
             return reader.valueRef(dictionary, i);
     }
     return BplistReader::kNoRef;

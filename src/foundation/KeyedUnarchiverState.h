@@ -8,6 +8,7 @@
 
 #include <QHash>
 
+#include <array>
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -89,6 +90,17 @@ struct KeyedUnarchiver::State {
     uint64_t budget = 0;
     bool exhausted = false;
     bool cycleLogged = false;
+    // Key strings are shared by every object of a class: the last objects
+    // decoded for each of a few references are kept, so that looking a key
+    // up in thousands of objects decodes its string once.
+    struct KeyCacheEntry {
+        uint64_t ref = BplistReader::kNoRef;
+        BplistObject object;
+    };
+    std::array<KeyCacheEntry, 64> keyCache;
+
+    // The object at a key reference, through keyCache.
+    BplistObject keyObject(uint64_t ref);
 
     void problem(const QString& reason, bool prefixed = true);
 
