@@ -1,13 +1,12 @@
 #include "foundation/Dispatch.h"
 
-#include "foundation/Log.h"
+#include "FoundationTestSupport.h"
 #include "support/TestEnvironment.h"
 
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QStringList>
 
 #include <atomic>
 #include <chrono>
@@ -19,35 +18,10 @@ using namespace brindle;
 using namespace std::chrono_literals;
 
 namespace {
-
 constexpr int64_t kGenerousTimeout = 20000;
-
-// Collects log lines for the lifetime of the object.
-class LogCapture {
-public:
-    LogCapture()
-    {
-        m_previous = setLogSink([this](const QString& line) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_lines << line;
-        });
-    }
-    ~LogCapture() { setLogSink(m_previous); }
-    QStringList lines() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_lines;
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    QStringList m_lines;
-    LogSink m_previous;
-};
-
 }  // namespace
 
-TEST(SerialQueueTest, RunsWorkOneAtATimeInSubmissionOrder)
+TEST(SerialQueueTest, RunsWorkOneAtATimeInSubmissionOrderAndSyncRunsOnTheWorkerAfterIt)
 {
     SerialQueue queue(QStringLiteral("order"));
     std::vector<int> order;
@@ -55,41 +29,32 @@ TEST(SerialQueueTest, RunsWorkOneAtATimeInSubmissionOrder)
     std::atomic<bool> overlapped {false};
     for (int i = 0; i < 500; ++i) {
         queue.async([&, i] {
+            if (i == 0)
+                std::this_thread::sleep_for(20ms);  // so that the sync below is submitted behind waiting work
             if (running.fetch_add(1) != 0)
                 overlapped = true;
             order.push_back(i);
             running.fetch_sub(1);
         });
     }
-    queue.sync([] {});
+    bool wasCurrent = false;
+    size_t seen = 0;
+    queue.sync([&] {
+        wasCurrent = queue.isCurrent();
+        seen = order.size();
+    });
+    EXPECT_TRUE(wasCurrent);
+    EXPECT_FALSE(queue.isCurrent());
+    EXPECT_EQ(seen, 500u);
     ASSERT_EQ(order.size(), 500u);
     for (int i = 0; i < 500; ++i)
         EXPECT_EQ(order[static_cast<size_t>(i)], i);
     EXPECT_FALSE(overlapped);
 }
 
-TEST(SerialQueueTest, SyncRunsOnTheWorkerAndSeesEarlierAsyncWork)
-{
-    SerialQueue queue(QStringLiteral("sync"));
-    int value = 0;
-    queue.async([&] {
-        std::this_thread::sleep_for(20ms);
-        value = 1;
-    });
-    bool wasCurrent = false;
-    int seen = -1;
-    queue.sync([&] {
-        wasCurrent = queue.isCurrent();
-        seen = value;
-    });
-    EXPECT_TRUE(wasCurrent);
-    EXPECT_EQ(seen, 1);
-    EXPECT_FALSE(queue.isCurrent());
-}
-
 TEST(SerialQueueTest, SyncFromItsOwnWorkRunsInlineInsteadOfDeadlocking)
 {
-    LogCapture capture;
+    test::LogCapture capture;
     SerialQueue queue(QStringLiteral("reentrant"));
     bool innerRan = false;
     queue.sync([&] { queue.sync([&] { innerRan = true; }); });
@@ -97,7 +62,7 @@ TEST(SerialQueueTest, SyncFromItsOwnWorkRunsInlineInsteadOfDeadlocking)
     EXPECT_FALSE(capture.lines().isEmpty());
 }
 
-TEST(SerialQueueTest, DestructionRunsEverythingAlreadySubmitted)
+TEST(SerialQueueTest, DestructionRunsEverythingSubmittedBeforeOrDuringTheDrain)
 {
     std::atomic<int> ran {0};
     {
@@ -105,29 +70,17 @@ TEST(SerialQueueTest, DestructionRunsEverythingAlreadySubmitted)
         queue.async([&] {
             std::this_thread::sleep_for(50ms);
             ++ran;
+            queue.async([&] { ++ran; });  // submitted while the destructor waits
         });
         for (int i = 0; i < 100; ++i)
             queue.async([&] { ++ran; });
     }
-    EXPECT_EQ(ran.load(), 101);
-}
-
-TEST(SerialQueueTest, WorkSubmittedDuringTheDrainStillRuns)
-{
-    std::atomic<int> ran {0};
-    {
-        SerialQueue queue(QStringLiteral("chain"));
-        queue.async([&] {
-            std::this_thread::sleep_for(20ms);
-            queue.async([&] { ++ran; });
-        });
-    }
-    EXPECT_EQ(ran.load(), 1);
+    EXPECT_EQ(ran.load(), 102);
 }
 
 TEST(SerialQueueTest, DestructionFromItsOwnWorkFinishesSafely)
 {
-    LogCapture capture;
+    test::LogCapture capture;
     auto queue = std::make_unique<SerialQueue>(QStringLiteral("self-destroy"));
     std::atomic<bool> later {false};
     std::atomic<bool> bothSubmitted {false};
@@ -179,35 +132,30 @@ TEST(MainQueueTest, DeliversInOrderPerSubmitterFromSeveralThreads)
     }
 }
 
-TEST(MainQueueTest, SyncFromTheMainThreadRunsInline)
+TEST(MainQueueTest, SyncRunsInlineOnTheMainThreadAndFromOtherOrPoolThreadsWaitsForTheMainThread)
 {
-    bool ran = false;
-    mainQueue().sync([&] { ran = true; });
-    EXPECT_TRUE(ran);
-}
+    bool ranInline = false;
+    mainQueue().sync([&] { ranInline = true; });
+    EXPECT_TRUE(ranInline);
 
-TEST(MainQueueTest, SyncFromAnotherThreadWaitsForTheMainThreadToRunIt)
-{
-    std::atomic<bool> ranOnMain {false};
-    std::atomic<bool> returned {false};
-    std::thread caller([&] {
-        mainQueue().sync([&] { ranOnMain = isMainThread(); });
-        returned = true;
-    });
-    EXPECT_TRUE(runMainQueueUntil([&] { return returned.load(); }, kGenerousTimeout));
+    std::atomic<int> ranOnMain {0};
+    auto callSync = [&] {
+        bool onMain = false;
+        mainQueue().sync([&] { onMain = isMainThread(); });
+        ranOnMain += onMain ? 1 : 0;
+    };
+    std::thread caller(callSync);
+    globalQueue().async(callSync);
+    EXPECT_TRUE(runMainQueueUntil([&] { return ranOnMain == 2; }, kGenerousTimeout));
     caller.join();
-    EXPECT_TRUE(ranOnMain);
 }
 
-TEST(MainQueueTest, RunUntilAnswersFalseWhenTimeRunsOut)
+TEST(MainQueueTest, RunUntilAnswersFalseWhenTimeRunsOutAndTheLargestLimitMeansNone)
 {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(runMainQueueUntil([] { return false; }, 50));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
-}
 
-TEST(MainQueueTest, RunUntilWithTheLargestLimitWaitsForTheCondition)
-{
     std::atomic<bool> done {false};
     std::thread worker([&] {
         std::this_thread::sleep_for(30ms);
@@ -251,17 +199,6 @@ TEST(GlobalQueueTest, PoolWorkWaitingForMorePoolWorkDoesNotStarveThePool)
     EXPECT_EQ(innerDone.load(), outerCount * 4);
 }
 
-TEST(GlobalQueueTest, PoolWorkMayWaitForTheMainQueue)
-{
-    std::atomic<bool> done {false};
-    globalQueue().async([&] {
-        int value = 0;
-        mainQueue().sync([&] { value = 7; });
-        done = value == 7;
-    });
-    EXPECT_TRUE(runMainQueueUntil([&] { return done.load(); }, kGenerousTimeout));
-}
-
 TEST(DispatchGroupTest, WaitCoversWorkSubmittedFromSeveralThreads)
 {
     DispatchGroup group;
@@ -279,10 +216,14 @@ TEST(DispatchGroupTest, WaitCoversWorkSubmittedFromSeveralThreads)
     EXPECT_EQ(count.load(), 400);
 }
 
-TEST(DispatchGroupTest, WaitForTimesOutWhileWorkIsOutstandingAndSucceedsAfterLeave)
+TEST(DispatchGroupTest, WaitForTimesOutUntilEveryEnterIsLeftAndAnUnbalancedLeaveIsLoggedAndIgnored)
 {
+    test::LogCapture capture;
     DispatchGroup group;
+    group.leave();
+    EXPECT_TRUE(group.waitFor(0));
     group.enter();
+    EXPECT_FALSE(group.waitFor(0));
     EXPECT_FALSE(group.waitFor(30));
     std::thread leaver([&] {
         std::this_thread::sleep_for(20ms);
@@ -290,6 +231,8 @@ TEST(DispatchGroupTest, WaitForTimesOutWhileWorkIsOutstandingAndSucceedsAfterLea
     });
     EXPECT_TRUE(group.waitFor(kGenerousTimeout));
     leaver.join();
+    EXPECT_TRUE(group.waitFor(0));
+    EXPECT_EQ(capture.lines().size(), 1);
 }
 
 TEST(DispatchGroupTest, NotifyRunsOnceAfterAllWorkAndOnTheGivenQueue)
@@ -331,19 +274,6 @@ TEST(DispatchGroupTest, NotifyOnAnEmptyGroupRunsAtOnceAndMainQueueWorkCounts)
         group.async(mainQueue(), [&] { ++onMain; });
     group.notify(mainQueue(), [&] { notified = onMain == 10; });
     EXPECT_TRUE(runMainQueueUntil([&] { return notified; }, kGenerousTimeout));
-}
-
-TEST(DispatchGroupTest, UnbalancedLeaveIsLoggedAndIgnored)
-{
-    LogCapture capture;
-    DispatchGroup group;
-    group.leave();
-    EXPECT_TRUE(group.waitFor(0));
-    group.enter();
-    EXPECT_FALSE(group.waitFor(0));
-    group.leave();
-    EXPECT_TRUE(group.waitFor(0));
-    EXPECT_EQ(capture.lines().size(), 1);
 }
 
 // These run in a child process (a fresh copy of the test program), because

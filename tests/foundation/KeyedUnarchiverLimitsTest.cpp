@@ -1,64 +1,35 @@
 // The unarchiver's limits: nesting depth, shared references, work that a
 // small archive can demand, XML depth, and randomly damaged archives.
-#include "foundation/BplistWriter.h"
-#include "foundation/KeyedCoding.h"
-#include "foundation/KeyedStandard.h"
-#include "foundation/Log.h"
+#include "FoundationTestSupport.h"
 
 #include <QDir>
-#include <QFile>
 
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <numeric>
 #include <random>
 #include <thread>
 
 using namespace brindle;
+using namespace brindle::test;
 
 namespace {
 
-using Ref = BplistWriter::Ref;
-
-// Keyed archives of one class: slot 1 is the class, and each further slot an
-// object of it holding the UIDs given for it, as an NSArray's `NS.objects`
-// or, for ChainNode, as a single `next` reference.
-QByteArray arraysArchive(const std::vector<std::vector<uint32_t>>& arrays, const char* className = "NSArray")
+// Slot 1 is the class and slot 2 + i the i-th object, the root being slot 2.
+// Each object refers to the slots listed for it: an NSArray through
+// `NS.objects`, a TestNode through its `link` (to the first one, if any).
+QByteArray linkedArchive(const std::vector<std::vector<uint32_t>>& refs, bool nodes = false)
 {
-    const bool chain = std::strcmp(className, "ChainNode") == 0;
-    BplistWriter w;
-    const Ref root = w.reserve();
-    auto dict = [&](std::vector<std::pair<const char*, Ref>> fields) {
-        std::vector<Ref> keys;
-        std::vector<Ref> values;
-        for (const auto& [key, value] : fields) {
-            keys.push_back(w.addString(QString::fromUtf8(key)));
-            values.push_back(value);
-        }
-        return w.addDictionary(keys.data(), values.data(), keys.size());
-    };
-    std::vector<Ref> objects = {w.addString(QStringLiteral("$null"))};
-    const Ref name = w.addString(QString::fromUtf8(className));
-    const Ref classes[] = {name, w.addString(QStringLiteral("NSObject"))};
-    objects.push_back(dict({{"$classname", name}, {"$classes", w.addArray(classes, 2)}}));
-    const Ref classRef = w.addUID(1);
-    for (const auto& elements : arrays) {
-        if (chain) {
-            objects.push_back(dict({{"next", w.addUID(elements.empty() ? 0 : elements[0])}, {"$class", classRef}}));
-            continue;
-        }
-        std::vector<Ref> uids;
-        for (uint32_t element : elements)
-            uids.push_back(w.addUID(element));
-        objects.push_back(dict({{"NS.objects", w.addArray(uids.data(), uids.size())}, {"$class", classRef}}));
+    HandArchive a;
+    const uint32_t cls = a.classSlot(nodes ? QStringLiteral("TestNode") : QStringLiteral("NSArray"));
+    for (const auto& to : refs) {
+        if (nodes)
+            a.object(cls, {{"link", a.uid(to.empty() ? 0 : to[0])}});
+        else
+            a.object(cls, {{"NS.objects", a.uids(to)}});
     }
-    const Ref top = dict({{"root", w.addUID(2)}});
-    const Ref rootKeys[] = {w.addString(QStringLiteral("$archiver")), w.addString(QStringLiteral("$version")),
-                            w.addString(QStringLiteral("$top")), w.addString(QStringLiteral("$objects"))};
-    const Ref rootValues[] = {w.addString(QStringLiteral("NSKeyedArchiver")), w.addInteger(100000), top,
-                              w.addArray(objects.data(), objects.size())};
-    w.setDictionary(root, rootKeys, rootValues, 4);
-    return w.finish(root);
+    a.root(2);
+    return a.finish();
 }
 
 int nestingOf(const KeyedArray& array)
@@ -69,40 +40,14 @@ int nestingOf(const KeyedArray& array)
     return depth;
 }
 
-class QuietLog {
-public:
-    QuietLog() { m_previous = setLogSink([](const QString&) {}); }
-    ~QuietLog() { setLogSink(m_previous); }
-
-private:
-    LogSink m_previous;
-};
-
-// A linked list of custom objects, for typed recursion.
-class ChainNode final : public KeyedCoding {
-public:
-    std::shared_ptr<ChainNode> next;
-    QString classNameForArchive() const override { return QStringLiteral("ChainNode"); }
-    void encodeWithCoder(KeyedArchiver& coder) const override { coder.encodeObject(next, QStringLiteral("next")); }
-    static QStringList archiveClassNames() { return {QStringLiteral("ChainNode")}; }
-    static std::shared_ptr<ChainNode> initWithCoder(KeyedUnarchiver& coder)
-    {
-        auto node = std::make_shared<ChainNode>();
-        node->next = coder.decodeObjectOfClass<ChainNode>(QStringLiteral("next"));
-        return node;
-    }
-};
-
 // Applies a few random byte changes, sometimes a truncation or a repeated chunk.
 QByteArray damaged(const QByteArray& original, std::mt19937& random)
 {
     QByteArray bytes = original;
-    if (bytes.isEmpty())
-        return bytes;
     std::uniform_int_distribution<int> kind(0, 9);
     std::uniform_int_distribution<int> byteValue(0, 255);
     const int changes = 1 + kind(random) % 4;
-    for (int i = 0; i < changes; ++i) {
+    for (int i = 0; i < changes && !bytes.isEmpty(); ++i) {
         std::uniform_int_distribution<qsizetype> at(0, bytes.size() - 1);
         switch (kind(random)) {
         case 0:
@@ -116,8 +61,6 @@ QByteArray damaged(const QByteArray& original, std::mt19937& random)
         default:
             bytes[at(random)] = static_cast<char>(byteValue(random));
         }
-        if (bytes.isEmpty())
-            break;
     }
     return bytes;
 }
@@ -143,24 +86,23 @@ void readEverything(const QByteArray& bytes)
 TEST(KeyedUnarchiverLimitsTest, deepNestingStopsAtTheDepthLimitWithoutExhaustingTheStack)
 {
     constexpr uint32_t kLevels = 100000;
-    std::vector<std::vector<uint32_t>> arrays;
+    std::vector<std::vector<uint32_t>> refs;
     for (uint32_t level = 0; level < kLevels; ++level)
-        arrays.push_back(level + 1 < kLevels ? std::vector<uint32_t>{level + 3} : std::vector<uint32_t>{});
-    const QByteArray archive = arraysArchive(arrays);
+        refs.push_back(level + 1 < kLevels ? std::vector<uint32_t>{level + 3} : std::vector<uint32_t>{});
 
-    QuietLog quiet;
-    KeyedUnarchiver coder(archive);
+    LogCapture quiet;
+    KeyedUnarchiver coder(linkedArchive(refs));
     auto root = coder.decodeObjectOfClass<KeyedArray>(QStringLiteral("root"));
     ASSERT_TRUE(root);
     EXPECT_EQ(nestingOf(*root), KeyedUnarchiver::kMaxDepth);
     EXPECT_TRUE(coder.hasDecodingError());
 
     // Typed recursion through custom classes is capped the same way.
-    KeyedUnarchiver typedCoder(arraysArchive(arrays, "ChainNode"));
-    auto chain = typedCoder.decodeObjectOfClass<ChainNode>(QStringLiteral("root"));
+    KeyedUnarchiver typedCoder(linkedArchive(refs, true));
+    auto chain = typedCoder.decodeObjectOfClass<TestNode>(QStringLiteral("root"));
     ASSERT_TRUE(chain);
     int length = 1;
-    for (auto at = chain; at->next; at = at->next)
+    for (auto at = chain; at->link; at = at->link)
         ++length;
     EXPECT_EQ(length, KeyedUnarchiver::kMaxDepth);
     EXPECT_TRUE(typedCoder.hasDecodingError());
@@ -169,12 +111,12 @@ TEST(KeyedUnarchiverLimitsTest, deepNestingStopsAtTheDepthLimitWithoutExhausting
 TEST(KeyedUnarchiverLimitsTest, sharedReferencesDecodeOnceEvenWhenTheyDoubleAtEveryLevel)
 {
     // Slot 2 + i holds slot 3 + i twice: 2^64 paths through 64 levels.
-    std::vector<std::vector<uint32_t>> arrays;
+    std::vector<std::vector<uint32_t>> refs;
     for (uint32_t level = 0; level < 64; ++level)
-        arrays.push_back({level + 3, level + 3});
-    arrays.push_back({});
+        refs.push_back({level + 3, level + 3});
+    refs.push_back({});
     // Decoding every path would never finish; the suite's time limit catches that.
-    auto root = KeyedUnarchiver::unarchivedObjectOfClass<KeyedArray>(arraysArchive(arrays));
+    auto root = KeyedUnarchiver::unarchivedObjectOfClass<KeyedArray>(linkedArchive(refs));
     ASSERT_TRUE(root);
     EXPECT_EQ(root->objects()[0], root->objects()[1]);
     EXPECT_EQ(nestingOf(*root), 65);
@@ -184,45 +126,27 @@ TEST(KeyedUnarchiverLimitsTest, oneLargeObjectSharedByManySlotsCannotMultiplyThe
 {
     // 20000 slots share one property-list dictionary that lists 5000 UIDs: a
     // small file asking for 10^8 element decodes.
-    BplistWriter w;
-    const Ref root = w.reserve();
-    std::vector<Ref> uids(5000, w.addUID(2));
-    const Ref name = w.addString(QStringLiteral("NSArray"));
-    const Ref chain[] = {name, w.addString(QStringLiteral("NSObject"))};
-    const Ref classKeys[] = {w.addString(QStringLiteral("$classname")), w.addString(QStringLiteral("$classes"))};
-    const Ref classValues[] = {name, w.addArray(chain, 2)};
-    const Ref shared[] = {w.addString(QStringLiteral("NS.objects")), w.addString(QStringLiteral("$class"))};
-    std::vector<Ref> elementUIDs;
-    for (uint32_t slot = 3; slot < 20003; ++slot)
-        elementUIDs.push_back(w.addUID(slot));
-    const Ref sharedValues[] = {w.addArray(uids.data(), uids.size()), w.addUID(1)};
-    const Ref sharedArray = w.addDictionary(shared, sharedValues, 2);
-    const Ref rootValues2[] = {w.addArray(elementUIDs.data(), elementUIDs.size()), w.addUID(1)};
-    std::vector<Ref> objects = {w.addString(QStringLiteral("$null")), w.addDictionary(classKeys, classValues, 2),
-                                w.addDictionary(shared, rootValues2, 2)};
-    objects.insert(objects.end(), 20000, sharedArray);
-    const Ref topKey = w.addString(QStringLiteral("root"));
-    const Ref topValue = w.addUID(2);
-    const Ref keys[] = {w.addString(QStringLiteral("$archiver")), w.addString(QStringLiteral("$version")),
-                        w.addString(QStringLiteral("$top")), w.addString(QStringLiteral("$objects"))};
-    const Ref values[] = {w.addString(QStringLiteral("NSKeyedArchiver")), w.addInteger(100000),
-                          w.addDictionary(&topKey, &topValue, 1), w.addArray(objects.data(), objects.size())};
-    w.setDictionary(root, keys, values, 4);
-    const QByteArray archive = w.finish(root);
+    HandArchive a;
+    const uint32_t arrayClass = a.classSlot("NSArray");
+    const HandArchive::Ref shared =
+        a.dict({{"NS.objects", a.array(std::vector<HandArchive::Ref>(5000, a.uid(2)))}, {"$class", a.uid(arrayClass)}});
+    std::vector<uint32_t> elements(20000);
+    std::iota(elements.begin(), elements.end(), 3);
+    a.root(a.object(arrayClass, {{"NS.objects", a.uids(elements)}}));
+    a.objects.insert(a.objects.end(), 20000, shared);
+    const QByteArray archive = a.finish();
     ASSERT_LT(archive.size(), 300000);
 
-    QStringList lines;
-    const LogSink previous = setLogSink([&](const QString& line) { lines.append(line); });
+    LogCapture log;
     KeyedUnarchiver coder(archive);
     coder.decodeObjectForKey(QStringLiteral("root"));
-    setLogSink(previous);
     EXPECT_TRUE(coder.hasDecodingError());
-    EXPECT_TRUE(lines.filter(QStringLiteral("far more work than its size justifies")).size() == 1) << lines.join('\n').toStdString();
+    EXPECT_EQ(log.count(QStringLiteral("far more work than its size justifies")), 1) << log.lines().join('\n').toStdString();
 }
 
 TEST(KeyedUnarchiverLimitsTest, xmlIsCheckedBeforeAndAfterLibplistParsesIt)
 {
-    QuietLog quiet;
+    LogCapture quiet;
     const QByteArray deep = "<?xml version=\"1.0\"?><plist version=\"1.0\">" + QByteArray("<array>").repeated(1000000) +
                             QByteArray("</array>").repeated(1000000) + "</plist>";
     EXPECT_FALSE(KeyedUnarchiver(deep).isValid());
@@ -261,9 +185,8 @@ TEST(KeyedUnarchiverLimitsTest, randomlyDamagedArchivesNeverCrash)
     std::vector<QByteArray> originals;
     const QDir fixtures(QStringLiteral(BRINDLE_TESTS_DIR "/foundation/fixtures"));
     for (const QString& name : fixtures.entryList({"*.bplist", "*.xml"}, QDir::Files)) {
-        QFile file(fixtures.filePath(name));
-        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-        originals.push_back(file.readAll());
+        originals.push_back(fixture(name));
+        ASSERT_FALSE(originals.back().isEmpty()) << name.toStdString();
     }
     auto dictionary = std::make_shared<KeyedDictionary>();
     dictionary->setObjectForKey(std::make_shared<KeyedURL>(QUrl(QStringLiteral("file:///a"))), QStringLiteral("url"));
@@ -273,7 +196,7 @@ TEST(KeyedUnarchiverLimitsTest, randomlyDamagedArchivesNeverCrash)
                                 QStringLiteral("list"));
     originals.push_back(KeyedArchiver::archivedDataWithRootObject(dictionary));
 
-    QuietLog quiet;
+    LogCapture quiet;
     std::mt19937 random(20240611);
     int decoded = 0;
     for (const QByteArray& original : originals) {
@@ -299,7 +222,7 @@ TEST(KeyedUnarchiverLimitsTest, unarchiversOnSeveralThreadsAndRegistrationsDoNot
         threads.emplace_back([&, t] {
             for (int i = 0; i < 200; ++i) {
                 if (t == 0)
-                    KeyedClassRegistry::registerClass<ChainNode>();
+                    KeyedClassRegistry::registerClass<TestNode>();
                 auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<KeyedArray>(archive);
                 if (!decoded || decoded->count() != 50)
                     ++failures;
@@ -310,6 +233,6 @@ TEST(KeyedUnarchiverLimitsTest, unarchiversOnSeveralThreadsAndRegistrationsDoNot
     }
     for (auto& thread : threads)
         thread.join();
-    KeyedClassRegistry::registerClass(QStringLiteral("ChainNode"), nullptr);
+    KeyedClassRegistry::registerClass(QStringLiteral("TestNode"), nullptr);
     EXPECT_EQ(failures, 0);
 }

@@ -102,14 +102,12 @@ TEST(UserDefaultsTest, BinaryDataRoundTripsThroughTheFileOnDisk)
 TEST(UserDefaultsTest, KeysWithSlashesStayDistinct)
 {
     UserDefaults& defaults = UserDefaults::standardUserDefaults();
-    defaults.setValue(QStringLiteral("one"), QStringLiteral("a/b"));
-    defaults.setValue(QStringLiteral("two"), QStringLiteral("a//b"));
-    defaults.setValue(QStringLiteral("three"), QStringLiteral("a\\b"));
-    defaults.setValue(QStringLiteral("four"), QStringLiteral("a%2Fb"));
-    EXPECT_EQ(defaults.valueForKey(QStringLiteral("a/b")).toString(), QStringLiteral("one"));
-    EXPECT_EQ(defaults.valueForKey(QStringLiteral("a//b")).toString(), QStringLiteral("two"));
-    EXPECT_EQ(defaults.valueForKey(QStringLiteral("a\\b")).toString(), QStringLiteral("three"));
-    EXPECT_EQ(defaults.valueForKey(QStringLiteral("a%2Fb")).toString(), QStringLiteral("four"));
+    const QStringList keys = {QStringLiteral("a/b"), QStringLiteral("a//b"), QStringLiteral("a\\b"),
+                              QStringLiteral("a%2Fb")};
+    for (const QString& key : keys)
+        defaults.setValue(QStringLiteral("value of ") + key, key);
+    for (const QString& key : keys)
+        EXPECT_EQ(defaults.valueForKey(key).toString(), QStringLiteral("value of ") + key);
 }
 
 TEST(UserDefaultsTest, DataForKeyAnswersNothingForMissingRemovedOrNonDataValues)
