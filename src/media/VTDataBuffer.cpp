@@ -123,8 +123,9 @@ bool VTDataBuffer::flushCacheDataBuffer()
 QByteArray VTDataBuffer::readDataBuffer(uint64_t length, uint64_t offset) const
 {
     // Sized for what exists at most, so a damaged length never allocates more than that.
-    const uint64_t held = uint64_t(m_cacheDataBuffer.size());
-    const uint64_t available = this->length() + held;
+    const uint64_t fileLength = this->length();
+    m_lengthSeen.store(fileLength, std::memory_order_relaxed);
+    const uint64_t available = fileLength + uint64_t(m_cacheDataBuffer.size());
     if (available <= offset) {
         brindle::log(QStringLiteral("reach to end of data buffer."));
         return QByteArray();

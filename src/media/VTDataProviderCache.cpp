@@ -113,6 +113,19 @@ thread_local RecordScratch t_recordScratch;
 
 std::atomic<uint64_t> g_nextTableSerial{1};
 
+// The byte size of the samples a stored row describes; nullopt when its
+// fields are out of range. The row comes from a stored table, so its sample
+// count may be anything and the size is computed without overflow.
+std::optional<int64_t> packedBytesOfRow(const VTAudioFrameInfo& row, uint64_t bytesPerSample)
+{
+    int64_t bytes = 0;
+    if (row.offsetOfBuffer() < 0 || row.lengthOfBuffer() <= 0 || row.numberOfSamples() <= 0 ||
+        __builtin_mul_overflow(row.numberOfSamples(), int64_t(bytesPerSample), &bytes) || bytes <= 0 ||
+        bytes > kMaximumFrameBytes)
+        return std::nullopt;
+    return bytes;
+}
+
 void logDamagedRecord(const QString& cacheFile, const VTAudioFrameInfo& row, const char* why)
 {
     brindle::log(QStringLiteral("Warning: damaged record at offset %1 of cache file %2 (%3); the read ends here.")
@@ -242,15 +255,12 @@ std::shared_ptr<VTAudioFrameInfo> VTDataProvider::nextFrameInfo(const std::share
 
 std::shared_ptr<KRAudioFrame2> VTDataProvider::frameOfRow(const VTAudioFrameInfo& row) const
 {
-    // The row comes from a stored table: its sample count may be anything, so
-    // the byte size is computed without overflow.
-    int64_t expectedBytes = 0;
-    const bool sizeOverflows = __builtin_mul_overflow(row.numberOfSamples(), int64_t(bytesPerSample()), &expectedBytes);
-    if (!m_dataBuffer || row.offsetOfBuffer() < 0 || row.lengthOfBuffer() <= 0 || row.numberOfSamples() <= 0 ||
-        sizeOverflows || expectedBytes <= 0 || expectedBytes > kMaximumFrameBytes) {
+    const std::optional<int64_t> samplesBytes = packedBytesOfRow(row, bytesPerSample());
+    if (!m_dataBuffer || !samplesBytes) {
         logDamagedRecord(m_cachePathFile, row, "row out of range");
         return nullptr;
     }
+    const int64_t expectedBytes = *samplesBytes;
     const QByteArray record = m_dataBuffer->readDataBuffer(uint64_t(row.lengthOfBuffer()), uint64_t(row.offsetOfBuffer()));
     if (record.size() != row.lengthOfBuffer()) {
         logDamagedRecord(m_cachePathFile, row, "short record");
@@ -280,17 +290,15 @@ bool VTDataProvider::unpackRow(const VTAudioFrameInfo& row, std::vector<char>& s
     // Most records are unpacked by the reader for their fixed layout, which
     // allocates nothing; anything it does not take goes the generic way,
     // which also says what is wrong with a damaged record.
-    int64_t expectedBytes = 0;
-    const bool sizeOverflows = __builtin_mul_overflow(row.numberOfSamples(), int64_t(bytesPerSample()), &expectedBytes);
-    if (m_dataBuffer && row.offsetOfBuffer() >= 0 && row.lengthOfBuffer() > 0 && row.numberOfSamples() > 0 &&
-        row.numberOfSamples() <= std::numeric_limits<int32_t>::max() && !sizeOverflows && expectedBytes > 0 &&
-        expectedBytes <= kMaximumFrameBytes && row.lengthOfBuffer() <= expectedBytes + kArchiveOverhead) {
+    const std::optional<int64_t> expectedBytes = packedBytesOfRow(row, bytesPerSample());
+    if (m_dataBuffer && expectedBytes && row.lengthOfBuffer() <= *expectedBytes + kArchiveOverhead) {
         RecordScratch& scratch = t_recordScratch;
         const auto length = uint64_t(row.lengthOfBuffer());
         if (scratch.record.size() < length)
             scratch.record.resize(length);
+        // At most 1 GiB of samples of at least one byte: the count fits 32 bits.
         const KRAudioFrameRecordReader::Shape shape{m_sampleFormat, m_numberOfChannel, int32_t(row.numberOfSamples()),
-                                                    expectedBytes};
+                                                    *expectedBytes};
         if (m_dataBuffer->readDataBuffer(scratch.record.data(), length, uint64_t(row.offsetOfBuffer())) == length &&
             scratch.reader.unpack(scratch.record.data(), length, shape, samples))
             return true;
