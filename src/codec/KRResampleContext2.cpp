@@ -1,6 +1,7 @@
 #include "codec/KRResampleContext2.h"
 
 #include "codec/KRAudioFrame2.h"
+#include "codec/PolyphaseResampler.h"
 #include "foundation/Log.h"
 
 extern "C" {
@@ -85,10 +86,13 @@ std::shared_ptr<KRResampleContext2> KRResampleContext2::initWithSampleFormat(int
     }
 
     std::shared_ptr<KRResampleContext2> context(new KRResampleContext2());
-    int status = swr_alloc_set_opts2(&context->m_swr, &destLayout, AVSampleFormat(destSampleFormat),
+    if (srcChannelLayout == destChannelLayout)
+        context->m_polyphase = brindle::PolyphaseResampler::make(
+            srcSampleFormat, destSampleFormat, std::popcount(srcChannelLayout), srcSampleRate, destSampleRate);
+    int status = context->m_polyphase ? 0 : swr_alloc_set_opts2(&context->m_swr, &destLayout, AVSampleFormat(destSampleFormat),
                                      int(destSampleRate), &srcLayout, AVSampleFormat(srcSampleFormat),
                                      int(srcSampleRate), 0, nullptr);
-    if (status >= 0)
+    if (status >= 0 && !context->m_polyphase)
         status = swr_init(context->m_swr);
     av_channel_layout_uninit(&srcLayout);
     av_channel_layout_uninit(&destLayout);
@@ -127,6 +131,8 @@ int64_t KRResampleContext2::maximumOutputSamples(int64_t numberOfSamples) const
 {
     if (numberOfSamples < 0 || numberOfSamples > INT_MAX)
         return -1;
+    if (m_polyphase)
+        return m_polyphase->maximumOutputSamples(numberOfSamples);
     const int bound = swr_get_out_samples(m_swr, int(numberOfSamples));
     return bound < 0 ? -1 : bound;
 }
@@ -153,6 +159,12 @@ int64_t KRResampleContext2::resampleInto(const void* samples, int64_t numberOfSa
                       static_cast<long long>(numberOfSamples), static_cast<long long>(capacity));
         return -1;
     }
+    if (m_polyphase) {
+        const int64_t converted = m_polyphase->convert(samples, numberOfSamples, output, capacity);
+        if (converted < 0)
+            brindle::log(QStringLiteral("KRResampleContext2: conversion failed: the input could not be stored"));
+        return converted;
+    }
     const uint8_t* in = samples ? static_cast<const uint8_t*>(samples) : kNoInput;
     auto* out = static_cast<uint8_t*>(output);
     const int converted = swr_convert(m_swr, &out, int(std::min<int64_t>(capacity, INT_MAX)), &in,
@@ -173,9 +185,10 @@ int64_t KRResampleContext2::flushInto(std::vector<uint8_t>& output)
             break;
         uint8_t* out = output.data() + made * m_destFrameBytes;
         // A null input tells the converter that the stream has ended.
-        const int converted = swr_convert(m_swr, &out, int(chunk), nullptr, 0);
+        const int64_t converted = m_polyphase ? m_polyphase->flush(out, chunk)
+                                              : swr_convert(m_swr, &out, int(chunk), nullptr, 0);
         if (converted < 0) {
-            brindle::log(QStringLiteral("KRResampleContext2: flushing failed: ") + errorText(converted));
+            brindle::log(QStringLiteral("KRResampleContext2: flushing failed: ") + errorText(int(converted)));
             reset();
             return -1;
         }
@@ -189,6 +202,10 @@ int64_t KRResampleContext2::flushInto(std::vector<uint8_t>& output)
 
 void KRResampleContext2::reset()
 {
+    if (m_polyphase) {
+        m_polyphase->reset();
+        return;
+    }
     // Initialising again clears the buffers and the filter's history.
     const int status = swr_init(m_swr);
     if (status < 0)

@@ -19,4 +19,15 @@ inline bool processorHasAvx2()
 #endif
 }
 
+// True on an x86-64 processor with fused multiply-add (FMA3).
+inline bool processorHasFma()
+{
+#ifdef BRINDLE_HAS_X86_INTRINSICS
+    static const bool has = __builtin_cpu_supports("fma");
+    return has;
+#else
+    return false;
+#endif
+}
+
 }  // namespace brindle
