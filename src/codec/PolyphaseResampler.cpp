@@ -305,9 +305,16 @@ __attribute__((target("avx2,fma"))) void runStereoAvx2(Walk& walk, float* out, i
         // hadd(hadd(l0, r0), hadd(l1, r1)) = [L0 R0 L1 R1] per 128-bit half.
         const __m256 first = _mm256_hadd_ps(_mm256_hadd_ps(l0, r0), _mm256_hadd_ps(l1, r1));
         const __m256 second = _mm256_hadd_ps(_mm256_hadd_ps(l2, r2), _mm256_hadd_ps(l3, r3));
+        const __m128 firstPair = _mm_add_ps(_mm256_castps256_ps128(first), _mm256_extractf128_ps(first, 1));
+        const __m128 secondPair = _mm_add_ps(_mm256_castps256_ps128(second), _mm256_extractf128_ps(second, 1));
+        if (real == 4) {
+            _mm_storeu_ps(out + k * 2, firstPair);
+            _mm_storeu_ps(out + k * 2 + 4, secondPair);
+            continue;
+        }
         alignas(16) float sums[8];
-        _mm_store_ps(sums, _mm_add_ps(_mm256_castps256_ps128(first), _mm256_extractf128_ps(first, 1)));
-        _mm_store_ps(sums + 4, _mm_add_ps(_mm256_castps256_ps128(second), _mm256_extractf128_ps(second, 1)));
+        _mm_store_ps(sums, firstPair);
+        _mm_store_ps(sums + 4, secondPair);
         std::memcpy(out + k * 2, sums, size_t(real) * 2 * sizeof(float));
     }
     walk.tap = tap;
@@ -352,8 +359,13 @@ __attribute__((target("avx2,fma"))) void runMonoAvx2(Walk& walk, float* out, int
             s3 = _mm256_fmadd_ps(_mm256_loadu_ps(x3 + j), _mm256_loadu_ps(c3 + j), s3);
         }
         const __m256 four = _mm256_hadd_ps(_mm256_hadd_ps(s0, s1), _mm256_hadd_ps(s2, s3));
+        const __m128 sum = _mm_add_ps(_mm256_castps256_ps128(four), _mm256_extractf128_ps(four, 1));
+        if (real == 4) {
+            _mm_storeu_ps(out + k, sum);
+            continue;
+        }
         alignas(16) float sums[4];
-        _mm_store_ps(sums, _mm_add_ps(_mm256_castps256_ps128(four), _mm256_extractf128_ps(four, 1)));
+        _mm_store_ps(sums, sum);
         std::memcpy(out + k, sums, size_t(real) * sizeof(float));
     }
     walk.tap = tap;
@@ -390,7 +402,11 @@ std::shared_ptr<const PolyphaseFilter> buildFilter(int64_t phases, int64_t advan
     filter->advance = advance;
     filter->center = (taps - 1) / 2;
     filter->taps = (taps + 7) / 8 * 8;
-    filter->coefficients.assign(size_t(phases * filter->taps), 0.0f);
+    // Rows of a multiple of 8 floats from a 32-byte boundary: no load of
+    // eight coefficients straddles two cache lines.
+    filter->storage.assign(size_t(phases * filter->taps + 8), 0.0f);
+    const auto address = reinterpret_cast<uintptr_t>(filter->storage.data());
+    filter->coefficients = filter->storage.data() + ((32 - address % 32) % 32) / sizeof(float);
     filter->step.resize(size_t(phases));
     filter->nextPhase.resize(size_t(phases));
     const double windowNorm = besselI0(kKaiserBeta);
@@ -406,7 +422,7 @@ std::shared_ptr<const PolyphaseFilter> buildFilter(int64_t phases, int64_t advan
             phase[size_t(i)] = sinc * besselI0(kKaiserBeta * std::sqrt(std::max(0.0, 1.0 - w * w))) / windowNorm;
             sum += phase[size_t(i)];
         }
-        float* row = filter->coefficients.data() + p * filter->taps;
+        float* row = filter->coefficients + p * filter->taps;
         for (int64_t i = 0; i < taps; ++i)
             row[i] = float(phase[size_t(i)] / sum);
         filter->step[size_t(p)] = int32_t((p + advance) / phases);
@@ -541,7 +557,7 @@ int64_t PolyphaseResampler::produce(uint8_t* output, int64_t frames)
         const int64_t run = std::min(kBlockFrames, frames - done);
         Walk walk{{m_input[0].data(), m_channels > 1 ? m_input[1].data() : nullptr},
                   m_tapStart - m_first,
-                  m_filter->coefficients.data(),
+                  m_filter->coefficients,
                   m_filter->step.data(),
                   m_filter->nextPhase.data(),
                   m_taps,

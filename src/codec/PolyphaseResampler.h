@@ -37,11 +37,15 @@ namespace brindle {
 // filter's length), the input frames to step over after an output of that
 // phase, and the phase that follows.
 struct PolyphaseFilter {
+    PolyphaseFilter() = default;
+    PolyphaseFilter(const PolyphaseFilter&) = delete;  // `coefficients` points into `storage`
+    PolyphaseFilter& operator=(const PolyphaseFilter&) = delete;
     int64_t phases = 1;   // output side of the reduced rate ratio
     int64_t advance = 1;  // input side of the reduced rate ratio
     int64_t taps = 0;
     int64_t center = 0;  // taps before the output's time
-    std::vector<float> coefficients;
+    float* coefficients = nullptr;  // inside storage, 32-byte aligned
+    std::vector<float> storage;
     std::vector<int32_t> step;
     std::vector<int32_t> nextPhase;
 };

@@ -92,6 +92,15 @@ public:
         std::vector<char> m_samples;
         bool m_holdsFrame = false;
         uint64_t m_framesUnpacked = 0;
+        // Cache-file bytes [m_windowOffset, m_windowOffset + m_windowLength)
+        // of the table with serial m_windowSerial, read ahead: the record
+        // last needed and those stored right after it, so that reading on
+        // walks the file in large pieces. Kept across reset(); serials are
+        // never reused, so a window is never taken for another table's.
+        std::vector<char> m_window;
+        uint64_t m_windowSerial = 0;
+        uint64_t m_windowOffset = 0;
+        uint64_t m_windowLength = 0;
     };
 
     // The extension of the cache files that decoding writes.
@@ -182,7 +191,8 @@ private:
     // The frame stored for `row`, checked against the row and this provider's format.
     std::shared_ptr<KRAudioFrame2> frameOfRow(const VTAudioFrameInfo& row) const;
     // Unpacks the samples of `row` into `samples`; false (logged) when the record is damaged.
-    bool unpackRow(const VTAudioFrameInfo& row, std::vector<char>& samples) const;
+    bool unpackRow(size_t position, FrameCursor& cursor) const;
+    const char* recordBytes(size_t position, FrameCursor& cursor) const;
     // numberOfSamples without the log line: 0 when the table has no end marker.
     uint64_t samplesInTable() const;
 

@@ -22,6 +22,9 @@ namespace {
 
 // A stored frame never inflates to more than its samples plus this much archive overhead.
 constexpr int64_t kArchiveOverhead = 64 * 1024;
+// How far a read looks ahead in the cache file: records are a few kilobytes,
+// so one read takes in a dozen or more of them.
+constexpr uint64_t kReadAheadBytes = 64 * 1024;
 // The codec layer refuses frames larger than this.
 constexpr int64_t kMaximumFrameBytes = int64_t(1) << 30;
 
@@ -103,13 +106,8 @@ private:
 };
 thread_local RecentFrames t_recentFrames;
 
-// What one thread needs to unpack records: the record's bytes as read and
-// the reader that inflates and decodes them, both kept between records.
-struct RecordScratch {
-    std::vector<char> record;
-    KRAudioFrameRecordReader reader;
-};
-thread_local RecordScratch t_recordScratch;
+// The reader that inflates and decodes records, kept by each thread between records.
+thread_local KRAudioFrameRecordReader t_recordReader;
 
 std::atomic<uint64_t> g_nextTableSerial{1};
 
@@ -285,29 +283,53 @@ std::shared_ptr<KRAudioFrame2> VTDataProvider::frameOfRow(const VTAudioFrameInfo
     return frame;
 }
 
-bool VTDataProvider::unpackRow(const VTAudioFrameInfo& row, std::vector<char>& samples) const
+const char* VTDataProvider::recordBytes(size_t position, FrameCursor& cursor) const
+{
+    const VTAudioFrameInfo& row = *m_cacheTable[position];
+    const auto offset = uint64_t(row.offsetOfBuffer());
+    const auto length = uint64_t(row.lengthOfBuffer());
+    if (cursor.m_windowSerial == m_tableSerial && offset >= cursor.m_windowOffset &&
+        cursor.m_windowLength >= length && offset - cursor.m_windowOffset <= cursor.m_windowLength - length)
+        return cursor.m_window.data() + (offset - cursor.m_windowOffset);
+
+    // This record and those stored right after it, up to kReadAheadBytes.
+    uint64_t end = offset + length;
+    for (size_t next = position + 1; next < m_cacheTable.size(); ++next) {
+        const VTAudioFrameInfo& following = *m_cacheTable[next];
+        if (following.isEndMarker() || following.offsetOfBuffer() != int64_t(end) || following.lengthOfBuffer() <= 0 ||
+            end - offset + uint64_t(following.lengthOfBuffer()) > kReadAheadBytes)
+            break;
+        end += uint64_t(following.lengthOfBuffer());
+    }
+    if (cursor.m_window.size() < end - offset)
+        cursor.m_window.resize(end - offset);
+    const uint64_t got = m_dataBuffer->readDataBuffer(cursor.m_window.data(), end - offset, offset);
+    cursor.m_windowSerial = got >= length ? m_tableSerial : 0;
+    cursor.m_windowOffset = offset;
+    cursor.m_windowLength = got;
+    return got >= length ? cursor.m_window.data() : nullptr;
+}
+
+bool VTDataProvider::unpackRow(size_t position, FrameCursor& cursor) const
 {
     // Most records are unpacked by the reader for their fixed layout, which
     // allocates nothing; anything it does not take goes the generic way,
     // which also says what is wrong with a damaged record.
+    const VTAudioFrameInfo& row = *m_cacheTable[position];
     const std::optional<int64_t> expectedBytes = packedBytesOfRow(row, bytesPerSample());
     if (m_dataBuffer && expectedBytes && row.lengthOfBuffer() <= *expectedBytes + kArchiveOverhead) {
-        RecordScratch& scratch = t_recordScratch;
-        const auto length = uint64_t(row.lengthOfBuffer());
-        if (scratch.record.size() < length)
-            scratch.record.resize(length);
         // At most 1 GiB of samples of at least one byte: the count fits 32 bits.
         const KRAudioFrameRecordReader::Shape shape{m_sampleFormat, m_numberOfChannel, int32_t(row.numberOfSamples()),
                                                     *expectedBytes};
-        if (m_dataBuffer->readDataBuffer(scratch.record.data(), length, uint64_t(row.offsetOfBuffer())) == length &&
-            scratch.reader.unpack(scratch.record.data(), length, shape, samples))
+        const char* record = recordBytes(position, cursor);
+        if (record && t_recordReader.unpack(record, uint64_t(row.lengthOfBuffer()), shape, cursor.m_samples))
             return true;
     }
     const std::shared_ptr<KRAudioFrame2> frame = frameOfRow(row);
     if (!frame)
         return false;
     const QByteArray& packed = frame->dataOfPackedSamples();
-    samples.assign(packed.constData(), packed.constData() + packed.size());
+    cursor.m_samples.assign(packed.constData(), packed.constData() + packed.size());
     return true;
 }
 
@@ -355,7 +377,7 @@ uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_
         }
         if (cursor.m_tableSerial != m_tableSerial || cursor.m_position != *position || !cursor.m_holdsFrame) {
             cursor.reset();
-            if (!unpackRow(row, cursor.m_samples))
+            if (!unpackRow(*position, cursor))
                 break;
             cursor.m_tableSerial = m_tableSerial;
             cursor.m_position = *position;
