@@ -22,6 +22,15 @@
 
 struct AVFrame;
 
+// The packed sample-format codes by name.
+namespace KRSampleFormat {
+inline constexpr int32_t kU8 = 0;
+inline constexpr int32_t kS16 = 1;
+inline constexpr int32_t kS32 = 2;
+inline constexpr int32_t kFloat = 3;
+inline constexpr int32_t kDouble = 4;
+}  // namespace KRSampleFormat
+
 class KRAudioFrame2 final : public brindle::KeyedCoding {
 public:
     // Takes a copy of `numberOfSamples` interleaved frames from `samples`

@@ -1,5 +1,6 @@
 #include "codec/PolyphaseResampler.h"
 
+#include "codec/KRAudioFrame2.h"
 #include "foundation/CpuFeatures.h"
 
 #include <algorithm>
@@ -17,11 +18,7 @@
 namespace brindle {
 namespace {
 
-constexpr int32_t kU8 = 0;
-constexpr int32_t kS16 = 1;
-constexpr int32_t kS32 = 2;
-constexpr int32_t kFloat = 3;
-constexpr int32_t kDouble = 4;
+using namespace KRSampleFormat;
 
 constexpr double kBaseTaps = 32.0;
 constexpr double kCutoff = 0.97;
@@ -31,16 +28,10 @@ constexpr double kKaiserBeta = 9.0;
 constexpr int64_t kMaximumTableFloats = int64_t(1) << 20;
 constexpr int64_t kBlockFrames = 256;
 
+// Bytes of one sample of a packed format; 0 for any other code.
 int64_t bytesOfFormat(int32_t format)
 {
-    switch (format) {
-    case kU8: return 1;
-    case kS16: return 2;
-    case kS32:
-    case kFloat: return 4;
-    case kDouble: return 8;
-    default: return 0;
-    }
+    return format >= kU8 && format <= kDouble ? KRAudioFrame2::bytesForSampleFormat(format) : 0;
 }
 
 // The modified Bessel function of the first kind, order 0, by its power
@@ -249,6 +240,33 @@ void runPlain(Walk& walk, float* out, int64_t frames)
 }
 
 #ifdef BRINDLE_HAS_X86_INTRINSICS
+// The next four outputs of a walk: each one's coefficient row and first
+// input frame. A last group of fewer than four (`real`) repeats its last
+// output, so that every output is summed in the same order wherever a call
+// ends. Moves the walk past the real outputs.
+struct Group {
+    const float* c[4];
+    int64_t at[4];
+    int real;
+};
+
+inline Group nextGroup(const Walk& walk, int64_t& tap, int64_t& phase, int64_t remaining)
+{
+    Group group{};
+    group.real = int(std::min<int64_t>(4, remaining));
+    for (int o = 0; o < 4; ++o) {
+        group.c[o] = walk.coefficients + phase * walk.taps;
+        group.at[o] = tap;
+        if (o + 1 < group.real) {
+            tap += walk.step[phase];
+            phase = walk.nextPhase[phase];
+        }
+    }
+    tap += walk.step[phase];
+    phase = walk.nextPhase[phase];
+    return group;
+}
+
 // Four outputs at a time: each coefficient vector is loaded once for all
 // channels, every output and channel has its own accumulator (independent
 // chains, so the multiply-adds overlap), and the horizontal sums of the four
@@ -263,44 +281,22 @@ __attribute__((target("avx2,fma"))) void runStereoAvx2(Walk& walk, float* out, i
     int64_t phase = walk.phase;
     int64_t k = 0;
     for (; k < frames; k += 4) {
-        // A last group of fewer than four repeats its last output, so that
-        // every output is summed in the same order wherever a call ends.
-        const float* c[4];
-        int64_t at[4];
-        const int real = int(std::min<int64_t>(4, frames - k));
-        for (int o = 0; o < 4; ++o) {
-            c[o] = walk.coefficients + phase * taps;
-            at[o] = tap;
-            if (o + 1 < real) {
-                tap += walk.step[phase];
-                phase = walk.nextPhase[phase];
-            }
-        }
-        tap += walk.step[phase];
-        phase = walk.nextPhase[phase];
-        const float* c0 = c[0];
-        const float* c1 = c[1];
-        const float* c2 = c[2];
-        const float* c3 = c[3];
-        const int64_t at0 = at[0];
-        const int64_t at1 = at[1];
-        const int64_t at2 = at[2];
-        const int64_t at3 = at[3];
+        const auto [c, at, real] = nextGroup(walk, tap, phase, frames - k);
         __m256 l0 = _mm256_setzero_ps(), l1 = l0, l2 = l0, l3 = l0;
         __m256 r0 = l0, r1 = l0, r2 = l0, r3 = l0;
         for (int64_t j = 0; j < taps; j += 8) {
-            __m256 c = _mm256_loadu_ps(c0 + j);
-            l0 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at0 + j), c, l0);
-            r0 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at0 + j), c, r0);
-            c = _mm256_loadu_ps(c1 + j);
-            l1 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at1 + j), c, l1);
-            r1 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at1 + j), c, r1);
-            c = _mm256_loadu_ps(c2 + j);
-            l2 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at2 + j), c, l2);
-            r2 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at2 + j), c, r2);
-            c = _mm256_loadu_ps(c3 + j);
-            l3 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at3 + j), c, l3);
-            r3 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at3 + j), c, r3);
+            __m256 row = _mm256_loadu_ps(c[0] + j);
+            l0 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at[0] + j), row, l0);
+            r0 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at[0] + j), row, r0);
+            row = _mm256_loadu_ps(c[1] + j);
+            l1 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at[1] + j), row, l1);
+            r1 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at[1] + j), row, r1);
+            row = _mm256_loadu_ps(c[2] + j);
+            l2 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at[2] + j), row, l2);
+            r2 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at[2] + j), row, r2);
+            row = _mm256_loadu_ps(c[3] + j);
+            l3 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at[3] + j), row, l3);
+            r3 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at[3] + j), row, r3);
         }
         // hadd(hadd(l0, r0), hadd(l1, r1)) = [L0 R0 L1 R1] per 128-bit half.
         const __m256 first = _mm256_hadd_ps(_mm256_hadd_ps(l0, r0), _mm256_hadd_ps(l1, r1));
@@ -329,34 +325,13 @@ __attribute__((target("avx2,fma"))) void runMonoAvx2(Walk& walk, float* out, int
     int64_t phase = walk.phase;
     int64_t k = 0;
     for (; k < frames; k += 4) {
-        // A short last group repeats its last output, as in runStereoAvx2.
-        const float* c[4];
-        const float* at[4];
-        const int real = int(std::min<int64_t>(4, frames - k));
-        for (int o = 0; o < 4; ++o) {
-            c[o] = walk.coefficients + phase * taps;
-            at[o] = x + tap;
-            if (o + 1 < real) {
-                tap += walk.step[phase];
-                phase = walk.nextPhase[phase];
-            }
-        }
-        tap += walk.step[phase];
-        phase = walk.nextPhase[phase];
-        const float* c0 = c[0];
-        const float* c1 = c[1];
-        const float* c2 = c[2];
-        const float* c3 = c[3];
-        const float* x0 = at[0];
-        const float* x1 = at[1];
-        const float* x2 = at[2];
-        const float* x3 = at[3];
+        const auto [c, at, real] = nextGroup(walk, tap, phase, frames - k);
         __m256 s0 = _mm256_setzero_ps(), s1 = s0, s2 = s0, s3 = s0;
         for (int64_t j = 0; j < taps; j += 8) {
-            s0 = _mm256_fmadd_ps(_mm256_loadu_ps(x0 + j), _mm256_loadu_ps(c0 + j), s0);
-            s1 = _mm256_fmadd_ps(_mm256_loadu_ps(x1 + j), _mm256_loadu_ps(c1 + j), s1);
-            s2 = _mm256_fmadd_ps(_mm256_loadu_ps(x2 + j), _mm256_loadu_ps(c2 + j), s2);
-            s3 = _mm256_fmadd_ps(_mm256_loadu_ps(x3 + j), _mm256_loadu_ps(c3 + j), s3);
+            s0 = _mm256_fmadd_ps(_mm256_loadu_ps(x + at[0] + j), _mm256_loadu_ps(c[0] + j), s0);
+            s1 = _mm256_fmadd_ps(_mm256_loadu_ps(x + at[1] + j), _mm256_loadu_ps(c[1] + j), s1);
+            s2 = _mm256_fmadd_ps(_mm256_loadu_ps(x + at[2] + j), _mm256_loadu_ps(c[2] + j), s2);
+            s3 = _mm256_fmadd_ps(_mm256_loadu_ps(x + at[3] + j), _mm256_loadu_ps(c[3] + j), s3);
         }
         const __m256 four = _mm256_hadd_ps(_mm256_hadd_ps(s0, s1), _mm256_hadd_ps(s2, s3));
         const __m128 sum = _mm_add_ps(_mm256_castps256_ps128(four), _mm256_extractf128_ps(four, 1));

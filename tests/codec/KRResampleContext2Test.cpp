@@ -8,12 +8,10 @@
 #include <memory>
 #include <vector>
 
+using namespace KRSampleFormat;
+
 namespace {
 
-constexpr int32_t kU8 = 0;
-constexpr int32_t kS16 = 1;
-constexpr int32_t kFloat = 3;
-constexpr int32_t kDouble = 4;
 
 uint64_t layout(int channels)
 {

@@ -13,13 +13,10 @@
 
 using brindle::PolyphaseResampler;
 
+using namespace KRSampleFormat;
+
 namespace {
 
-constexpr int32_t kU8 = 0;
-constexpr int32_t kS16 = 1;
-constexpr int32_t kS32 = 2;
-constexpr int32_t kFloat = 3;
-constexpr int32_t kDouble = 4;
 
 // Interleaved float frames; channel c carries a sine of frequencies[c].
 std::vector<float> sines(int64_t frames, const std::vector<double>& frequencies, int64_t rate, double amplitude)

@@ -1,3 +1,4 @@
+#include "codec/KRAudioFrame2.h"
 #include "model/VTFadeInEffect.h"
 #include "model/VTFadeOutEffect.h"
 #include "model/VTVolumeEffect.h"
@@ -15,13 +16,10 @@
 
 using brindle::test::LogCapture;
 
+using namespace KRSampleFormat;
+
 namespace {
 
-constexpr int32_t kU8 = 0;
-constexpr int32_t kS16 = 1;
-constexpr int32_t kS32 = 2;
-constexpr int32_t kFloat = 3;
-constexpr int32_t kDouble = 4;
 constexpr uint8_t kGuard = 0xA5;
 constexpr size_t kGuardBytes = 64;
 
