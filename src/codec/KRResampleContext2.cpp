@@ -89,11 +89,14 @@ std::shared_ptr<KRResampleContext2> KRResampleContext2::initWithSampleFormat(int
     if (srcChannelLayout == destChannelLayout)
         context->m_polyphase = brindle::PolyphaseResampler::make(
             srcSampleFormat, destSampleFormat, std::popcount(srcChannelLayout), srcSampleRate, destSampleRate);
-    int status = context->m_polyphase ? 0 : swr_alloc_set_opts2(&context->m_swr, &destLayout, AVSampleFormat(destSampleFormat),
+    int status = 0;
+    if (!context->m_polyphase) {
+        status = swr_alloc_set_opts2(&context->m_swr, &destLayout, AVSampleFormat(destSampleFormat),
                                      int(destSampleRate), &srcLayout, AVSampleFormat(srcSampleFormat),
                                      int(srcSampleRate), 0, nullptr);
-    if (status >= 0 && !context->m_polyphase)
-        status = swr_init(context->m_swr);
+        if (status >= 0)
+            status = swr_init(context->m_swr);
+    }
     av_channel_layout_uninit(&srcLayout);
     av_channel_layout_uninit(&destLayout);
     if (status < 0) {
