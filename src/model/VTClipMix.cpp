@@ -250,7 +250,7 @@ bool VTClip::readConverting(VTClipMixContext& state, PullTarget& target, const V
     target.position += copied;
     target.produced += copied;
     if (made > target.need) {
-        state.setCacheSample(converted.data() + target.need * frameBytes, (made - target.need) * frameBytes);
+        state.takeConvertedAsCache(target.need * frameBytes, (made - target.need) * frameBytes);
         target.need = 0;
     } else if (made == target.need) {
         target.need = 0;

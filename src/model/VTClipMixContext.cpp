@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 VTClipMixContext::VTClipMixContext(int64_t indexOfSampleStart, int64_t timestampOfTrack,
                                    int64_t indexOfSampleStartInDataProvider)
@@ -32,14 +33,13 @@ void VTClipMixContext::setResampleContext(std::shared_ptr<KRResampleContext2> co
     m_resampleContext = std::move(context);
 }
 
-void VTClipMixContext::setCacheSample(const void* bytes, int64_t length)
+void VTClipMixContext::takeConvertedAsCache(int64_t offset, int64_t length)
 {
-    m_cacheOffset = 0;
-    m_cacheLength = length > 0 ? static_cast<size_t>(length) : 0;
-    if (m_cache.size() < m_cacheLength)
-        m_cache.resize(m_cacheLength);
-    if (m_cacheLength > 0)
-        std::memcpy(m_cache.data(), bytes, m_cacheLength);
+    const size_t held = m_converted.size();
+    const size_t from = offset > 0 ? std::min(static_cast<size_t>(offset), held) : 0;
+    std::swap(m_cache, m_converted);
+    m_cacheOffset = from;
+    m_cacheLength = length > 0 ? std::min(static_cast<size_t>(length), held - from) : 0;
 }
 
 void VTClipMixContext::dropCacheSample(int64_t length)

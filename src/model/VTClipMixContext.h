@@ -11,7 +11,8 @@
 //   the track axis (silence included) and media frames consumed.
 // - `cacheSample`: converted frames left over from the last conversion, in the
 //   output format. It is a buffer with a read offset: taking frames from its
-//   front moves the offset, and storing new contents reuses its capacity.
+//   front moves the offset, and new contents come from the converter's output
+//   buffer, which trades places with it instead of being copied.
 // - Besides the fields above the state holds what a pull must not look up or
 //   allocate each time: the data provider resolved once when the state is
 //   made (null when it was missing: the media then reads as no frames), the
@@ -54,8 +55,10 @@ public:
     // The cached frames' bytes, from the read offset on.
     const uint8_t* cacheSample() const { return m_cache.data() + m_cacheOffset; }
     int64_t cacheSampleLength() const { return static_cast<int64_t>(m_cacheLength); }
-    // Replaces the cache's contents with a copy of `length` bytes.
-    void setCacheSample(const void* bytes, int64_t length);
+    // Makes `length` bytes of convertedSamples() from `offset` on the cache
+    // without copying them: the two buffers trade places, and the next
+    // conversion writes into what was the cache.
+    void takeConvertedAsCache(int64_t offset, int64_t length);
     // Drops `length` bytes from the front of the cache.
     void dropCacheSample(int64_t length);
 
