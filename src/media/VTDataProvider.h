@@ -88,8 +88,11 @@ public:
         friend class VTDataProvider;
         uint64_t m_tableSerial = 0;
         size_t m_position = 0;
-        // The packed samples of the frame in row m_position, when m_holdsFrame.
-        std::vector<char> m_samples;
+        // The packed samples of the frame in row m_position, when
+        // m_holdsFrame: they start at m_samplesAt (the buffer is often the
+        // frame's whole inflated record).
+        std::vector<unsigned char> m_samples;
+        size_t m_samplesAt = 0;
         bool m_holdsFrame = false;
         uint64_t m_framesUnpacked = 0;
         // Cache-file bytes [m_windowOffset, m_windowOffset + m_windowLength)

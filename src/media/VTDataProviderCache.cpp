@@ -322,7 +322,8 @@ bool VTDataProvider::unpackRow(size_t position, FrameCursor& cursor) const
         const KRAudioFrameRecordReader::Shape shape{m_sampleFormat, m_numberOfChannel, int32_t(row.numberOfSamples()),
                                                     *expectedBytes};
         const char* record = recordBytes(position, cursor);
-        if (record && t_recordReader.unpack(record, uint64_t(row.lengthOfBuffer()), shape, cursor.m_samples))
+        if (record && t_recordReader.unpackInPlace(record, uint64_t(row.lengthOfBuffer()), shape, cursor.m_samples,
+                                                   cursor.m_samplesAt))
             return true;
     }
     const std::shared_ptr<KRAudioFrame2> frame = frameOfRow(row);
@@ -330,6 +331,7 @@ bool VTDataProvider::unpackRow(size_t position, FrameCursor& cursor) const
         return false;
     const QByteArray& packed = frame->dataOfPackedSamples();
     cursor.m_samples.assign(packed.constData(), packed.constData() + packed.size());
+    cursor.m_samplesAt = 0;
     return true;
 }
 
@@ -386,7 +388,7 @@ uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_
         }
         const uint64_t skip = index - uint64_t(row.indexOfSamples());
         const uint64_t n = std::min(count - done, uint64_t(row.numberOfSamples()) - skip);
-        std::memcpy(destination + done * frameBytes, cursor.m_samples.data() + skip * frameBytes, size_t(n * frameBytes));
+        std::memcpy(destination + done * frameBytes, cursor.m_samples.data() + cursor.m_samplesAt + skip * frameBytes, size_t(n * frameBytes));
         index += n;
         done += n;
         *position += 1;
