@@ -70,8 +70,9 @@ VTTaskContext VTImportMediaTask::excuteWithContext(const VTTaskContext& context)
         std::atomic<bool> decoded{false};
     };
     std::vector<Slot> entries(size_t(urls.size()));
-    brindle::DispatchGroup group;
-    std::shared_ptr<VTImportMediaTask> self = std::static_pointer_cast<VTImportMediaTask>(shared_from_this());
+    // Every file is probed before any decode starts, so that each progress
+    // report divides by the final total: a decode that reported against a
+    // partial total would show the bar far ahead, then pull it back.
     for (size_t i = 0; i < entries.size(); ++i) {
         Slot& slot = entries[i];
         slot.url = urls[qsizetype(i)];
@@ -80,6 +81,12 @@ VTTaskContext VTImportMediaTask::excuteWithContext(const VTTaskContext& context)
             continue;
         m_totalLength += slot.provider->duration();
         setPercent(0, slot.provider->identifier());
+    }
+    brindle::DispatchGroup group;
+    std::shared_ptr<VTImportMediaTask> self = std::static_pointer_cast<VTImportMediaTask>(shared_from_this());
+    for (Slot& slot : entries) {
+        if (!slot.provider)
+            continue;
         group.async(brindle::globalQueue(), [self, &slot, context] {
             const std::shared_ptr<VTDataProvider>& provider = slot.provider;
             const QString key = provider->identifier();

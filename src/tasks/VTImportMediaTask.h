@@ -11,8 +11,9 @@
 //   `percentBuffer` under its identifier; every progress report of a decode
 //   sends (float) sum × 100 / totalLength. Two decodes of one file share one
 //   key, so the overall value then stays below 100. A total of 0 ms reports 0.
-// - Threads: probing runs on the task's thread, each decode on its own job of
-//   the global queue; the task's thread waits for them all. `percentBuffer` is
+// - Threads: probing runs on the task's thread, for every file before the
+//   first decode starts (so progress divides by the final total), then each
+//   decode runs on its own job of the global queue; the task's thread waits for them all. `percentBuffer` is
 //   written and read only on `percentQueue` (a serial queue made on first use),
 //   entered synchronously by the four book-keeping operations.
 #pragma once
