@@ -4,9 +4,9 @@
 
 #include "media/VTDataProvider.h"
 #include "media/VTDataProviderMgr.h"
+#include "model/VTClip.h"
+#include "model/VTTrack.h"
 
-#include <QCryptographicHash>
-#include <QFileInfo>
 #include <QUrl>
 
 #include <gtest/gtest.h>
@@ -16,6 +16,10 @@
 
 namespace brindle::test {
 
+namespace {
+
+// Decodes `path` into a provider and registers it; null (with a test
+// failure) when it cannot be decoded.
 std::shared_ptr<VTDataProvider> importMedia(const QString& path)
 {
     auto provider = VTDataProvider::initWithURL(QUrl::fromLocalFile(path));
@@ -26,6 +30,8 @@ std::shared_ptr<VTDataProvider> importMedia(const QString& path)
     VTDataProviderMgr::shareDataProviderMgr().importDataProviders({provider});
     return provider;
 }
+
+}  // namespace
 
 QString mediaWithSamples(const QString& name, int32_t sampleFormat, int channels, int sampleRate,
                          const QByteArray& interleaved)
@@ -51,6 +57,29 @@ QString silentMediaOfDuration(int64_t milliseconds)
     const int rate = 8000;
     const QByteArray silence(static_cast<qsizetype>(milliseconds * rate / 1000), char(128));
     return mediaWithSamples(QStringLiteral("silence-%1ms").arg(milliseconds), 0, 1, rate, silence);
+}
+
+std::shared_ptr<VTClip> clipAt(int64_t start, int64_t duration, const QString& media)
+{
+    auto clip = VTClip::initWithDataProviderIDs(media.isEmpty() ? silentMediaOfDuration(10000) : media);
+    EXPECT_TRUE(clip);
+    if (!clip)
+        return nullptr;
+    if (duration > 0)
+        clip->setDurationOfTrack(duration);
+    clip->setTimestampOfTrack(start);
+    return clip;
+}
+
+std::shared_ptr<VTProject> projectWith(const std::vector<VTProject::ClipList>& tracks)
+{
+    auto project = std::make_shared<VTProject>();
+    for (const auto& clips : tracks) {
+        auto track = std::make_shared<VTTrack>();
+        track->importClips(clips);
+        project->importTrack(track);
+    }
+    return project;
 }
 
 }  // namespace brindle::test

@@ -1,8 +1,10 @@
-// Media for the model's tests: small WAV files decoded into real data
-// providers and registered with the shared registry.
+// Shared helpers of the model's tests (the export tests use them too): small
+// WAV media decoded into real data providers and registered with the shared
+// registry, clips and projects built over them, and a log capture.
 #pragma once
 
 #include "foundation/Log.h"
+#include "model/VTProject.h"
 
 #include <QByteArray>
 #include <QString>
@@ -13,13 +15,9 @@
 #include <mutex>
 #include <vector>
 
-class VTDataProvider;
+class VTClip;
 
 namespace brindle::test {
-
-// Decodes `path` into a provider and registers it; null (with a test
-// failure) when it cannot be decoded.
-std::shared_ptr<VTDataProvider> importMedia(const QString& path);
 
 // A registered provider of `milliseconds` of silence (mono, 8-bit, 8000 Hz),
 // one per length. Its identifier names it for clips.
@@ -29,6 +27,13 @@ QString silentMediaOfDuration(int64_t milliseconds);
 // 0–4 with the given channels and rate; `name` must be unique per content.
 QString mediaWithSamples(const QString& name, int32_t sampleFormat, int channels, int sampleRate,
                          const QByteArray& interleaved);
+
+// A clip at `start` on its track, `duration` long (0: the whole media), over
+// `media` (empty: 10 s of silence).
+std::shared_ptr<VTClip> clipAt(int64_t start, int64_t duration = 0, const QString& media = {});
+
+// A project with one track per list, holding those clips in order.
+std::shared_ptr<VTProject> projectWith(const std::vector<VTProject::ClipList>& tracks);
 
 // Collects the log lines written while it exists.
 class LogCapture {

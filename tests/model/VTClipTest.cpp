@@ -7,6 +7,7 @@
 
 #include <cmath>
 
+using brindle::test::clipAt;
 using brindle::test::LogCapture;
 using brindle::test::silentMediaOfDuration;
 
@@ -15,15 +16,6 @@ namespace {
 const QString kFadeWarning = QStringLiteral("Warning: duration of fade out out of range. The value will be trucated.");
 const QString kOffsetWarning =
     QStringLiteral("Warning: timestamp out of data providers range.This action will be tructed.");
-
-// A clip over a fresh media of `mediaMs`, cut to `durationMs`.
-std::shared_ptr<VTClip> clipOver(int64_t mediaMs, int64_t durationMs)
-{
-    auto clip = VTClip::initWithDataProviderIDs(silentMediaOfDuration(mediaMs));
-    if (clip)
-        clip->setDurationOfTrack(durationMs);
-    return clip;
-}
 
 }  // namespace
 
@@ -34,38 +26,27 @@ TEST(VTClipTest, aNewClipCoversTheWholeMediaWithNeutralSettings)
     ASSERT_TRUE(clip);
     EXPECT_EQ(clip->dataProviderIds(), media);
     EXPECT_EQ(clip->durationOfTrack(), 10000);
-    EXPECT_EQ(clip->timestampOfTrack(), 0);
-    EXPECT_EQ(clip->timestampOfDataProvider(), 0);
+    EXPECT_EQ(clip->timestampOfTrack() + clip->timestampOfDataProvider(), 0);
     EXPECT_EQ(clip->volume(), 1.0);
-    EXPECT_FALSE(clip->enableFadeIn());
-    EXPECT_FALSE(clip->fadeOutValidate());
+    EXPECT_FALSE(clip->enableFadeIn() || clip->enableFadeOut() || clip->durationOfFadeIn() || clip->durationOfFadeOut());
     EXPECT_EQ(clip->identifier().size(), 36);
     EXPECT_NE(clip->identifier(), VTClip::initWithDataProviderIDs(media)->identifier());
-    EXPECT_EQ(clip->samplerate(), 8000);
-    EXPECT_EQ(clip->numberOfChannel(), 1);
-    EXPECT_EQ(clip->bytesPerSample(), 1);
+    EXPECT_EQ(QList<int64_t>({clip->samplerate(), clip->numberOfChannel(), clip->bytesPerSample()}),
+              QList<int64_t>({8000, 1, 1}));
     EXPECT_EQ(clip->description(), QStringLiteral("silence-10000ms-f0-c1-r8000"));
-
     EXPECT_FALSE(VTClip::initWithDataProviderIDs(QStringLiteral("/no/such/media.mp3")));
-    EXPECT_EQ(VTClip::minDurationAllowed(), 500);
 }
 
 TEST(VTClipTest, settersCorrectOutOfRangeValuesAndWarnWhereTheRulesSaySo)
 {
-    auto clip = clipOver(10000, 4000);
-    ASSERT_TRUE(clip);
+    auto clip = clipAt(0, 4000);
     LogCapture log;
-
     clip->setTimestampOfTrack(-5);
     EXPECT_EQ(clip->timestampOfTrack(), 0);
-    clip->setVolume(5.0);
-    EXPECT_EQ(clip->volume(), 3.0);
-    clip->setVolume(-1.0);
-    EXPECT_EQ(clip->volume(), 0.0);
-    clip->setVolume(std::nan(""));
-    EXPECT_EQ(clip->volume(), 0.0);
-    EXPECT_TRUE(log.lines().isEmpty());
-
+    for (auto [set, read] : {std::pair{5.0, 3.0}, {-1.0, 0.0}, {std::nan(""), 0.0}, {2.5, 2.5}}) {
+        clip->setVolume(set);
+        EXPECT_EQ(clip->volume(), read) << set;
+    }
     clip->setTimestampOfDataProvider(3000);
     EXPECT_EQ(clip->timestampOfDataProvider(), 3000);
     EXPECT_TRUE(log.lines().isEmpty());
@@ -73,23 +54,17 @@ TEST(VTClipTest, settersCorrectOutOfRangeValuesAndWarnWhereTheRulesSaySo)
     EXPECT_EQ(clip->timestampOfDataProvider(), 6000);
     clip->setTimestampOfDataProvider(-5);
     EXPECT_EQ(clip->timestampOfDataProvider(), 0);
-    EXPECT_EQ(log.lines().count(kOffsetWarning), 2);
-
+    EXPECT_EQ(log.lines(), QStringList({kOffsetWarning, kOffsetWarning}));
     // A non-negative length past the media's end is kept as it is.
     clip->setDurationOfTrack(20000);
     EXPECT_EQ(clip->durationOfTrack(), 20000);
     EXPECT_EQ(log.lines().size(), 2);
-}
 
-TEST(VTClipTest, fadeLengthsAreKeptWithinTheClipTogether)
-{
-    auto clip = clipOver(10000, 10000);
-    ASSERT_TRUE(clip);
-    LogCapture log;
+    // The two fade lengths together stay within the clip.
+    clip->setDurationOfTrack(10000);
     clip->setDurationOfFadeOut(4000);
     clip->setDurationOfFadeIn(7000);
     EXPECT_EQ(clip->durationOfFadeIn(), 6000);
-    EXPECT_TRUE(log.contains(kFadeWarning));
     clip->setDurationOfFadeIn(-1);
     EXPECT_EQ(clip->durationOfFadeIn(), 0);
     clip->setDurationOfFadeIn(2000);
@@ -100,20 +75,16 @@ TEST(VTClipTest, fadeLengthsAreKeptWithinTheClipTogether)
 
 TEST(VTClipTest, switchingAFadeOnGivesTheDefaultLengthOnlyWhenItHasNone)
 {
-    struct Case {
-        int64_t duration;
-        int64_t expected;
-    };
-    for (const Case& c : {Case{4000, 3000}, Case{10000, 3000}, Case{3000, 1500}, Case{3001, 3000}, Case{999, 499}}) {
-        auto clip = clipOver(10000, c.duration);
-        ASSERT_TRUE(clip);
-        EXPECT_EQ(clip->defaultDurationOfFadeEffect(), c.expected) << c.duration;
+    // 3000 ms for clips longer than 3 s, else half the clip.
+    for (auto [duration, expected] : {std::pair<int64_t, int64_t>{4000, 3000}, {10000, 3000}, {3000, 1500},
+                                      {3001, 3000}, {999, 499}}) {
+        auto clip = clipAt(0, duration);
+        EXPECT_EQ(clip->defaultDurationOfFadeEffect(), expected) << duration;
         clip->setEnableFadeIn(true);
-        EXPECT_EQ(clip->durationOfFadeIn(), c.expected) << c.duration;
+        EXPECT_EQ(clip->durationOfFadeIn(), expected) << duration;
         EXPECT_TRUE(clip->fadeInValidate());
     }
-
-    auto clip = clipOver(10000, 10000);
+    auto clip = clipAt(0, 10000);
     clip->setDurationOfFadeOut(800);
     clip->setEnableFadeOut(true);
     EXPECT_EQ(clip->durationOfFadeOut(), 800);
@@ -122,31 +93,9 @@ TEST(VTClipTest, switchingAFadeOnGivesTheDefaultLengthOnlyWhenItHasNone)
     EXPECT_FALSE(clip->fadeOutValidate());
 }
 
-TEST(VTClipTest, fadePositionsAreOnTheTracksAxisAndTruncated)
-{
-    auto clip = clipOver(10000, 4000);
-    ASSERT_TRUE(clip);
-    clip->setTimestampOfTrack(1000);
-    clip->setDurationOfFadeIn(1000);
-    clip->setDurationOfFadeOut(500);
-    EXPECT_EQ(clip->indexOfFadeInSampleWithSamplerate(44100), 44100);
-    EXPECT_EQ(clip->numberOfFadeInSamplesWithSamplerate(44100), 44100);
-    EXPECT_EQ(clip->indexOfFadeOutSampleWithSamplerate(44100), 198450);
-    EXPECT_EQ(clip->numberOfFadeOutSamplesWithSamplerate(44100), 22050);
-
-    clip->setTimestampOfTrack(1);
-    EXPECT_EQ(clip->indexOfFadeInSampleWithSamplerate(44100), 44);
-    clip->setTimestampOfTrack(999);
-    EXPECT_EQ(clip->indexOfFadeInSampleWithSamplerate(44100), 44055);
-    clip->setDurationOfFadeIn(1);
-    EXPECT_EQ(clip->numberOfFadeInSamplesWithSamplerate(22050), 22);
-}
-
 TEST(VTClipTest, aCloneHasANewIdentifierAndTheSettingsAppliedInOrder)
 {
-    auto clip = clipOver(10000, 4000);
-    ASSERT_TRUE(clip);
-    clip->setTimestampOfTrack(2500);
+    auto clip = clipAt(2500, 4000);
     clip->setTimestampOfDataProvider(6000);
     clip->setVolume(0.25);
     clip->setEnableFadeIn(true);
@@ -168,28 +117,18 @@ TEST(VTClipTest, aCloneHasANewIdentifierAndTheSettingsAppliedInOrder)
     EXPECT_EQ(copy->durationOfFadeOut(), 700);
 }
 
-TEST(VTClipTest, splittingOutsideTheClipDoesNothing)
+TEST(VTClipTest, splittingInsideTheClipGivesTheRightPartAOneMillisecondFadeOutAndKeepsTheFadeInLeft)
 {
-    auto clip = clipOver(10000, 4000);
-    ASSERT_TRUE(clip);
-    clip->setTimestampOfTrack(1000);
-    EXPECT_FALSE(clip->splitAtTimestamp(1000));
-    EXPECT_FALSE(clip->splitAtTimestamp(5000));
-    EXPECT_FALSE(clip->splitAtTimestamp(200));
-    EXPECT_EQ(clip->durationOfTrack(), 4000);
-}
-
-TEST(VTClipTest, splittingGivesTheRightPartAOneMillisecondFadeOutAndKeepsTheFadeInLeft)
-{
-    auto clip = clipOver(10000, 6000);
-    ASSERT_TRUE(clip);
-    clip->setTimestampOfTrack(1000);
+    auto clip = clipAt(1000, 6000);
     clip->setTimestampOfDataProvider(500);
     clip->setVolume(2.0);
     clip->setEnableFadeIn(true);
     clip->setDurationOfFadeIn(1000);
     clip->setEnableFadeOut(true);
     clip->setDurationOfFadeOut(2000);
+    for (int64_t outside : {1000, 7000, 200})
+        EXPECT_FALSE(clip->splitAtTimestamp(outside)) << outside;
+    EXPECT_EQ(clip->durationOfTrack(), 6000);
 
     auto right = clip->splitAtTimestamp(4000);
     ASSERT_TRUE(right);
@@ -208,50 +147,44 @@ TEST(VTClipTest, splittingGivesTheRightPartAOneMillisecondFadeOutAndKeepsTheFade
     EXPECT_EQ(clip->durationOfFadeIn(), 1000);
 }
 
-TEST(VTClipTest, trimmingTheStartStopsAtTheMediasStartAndTheMinimumLength)
+TEST(VTClipTest, trimmingStopsAtTheMediasEdgesAndTheMinimumLength)
 {
-    auto clip = clipOver(10000, 4000);
-    ASSERT_TRUE(clip);
-    clip->setTimestampOfTrack(5000);
+    auto clip = clipAt(5000, 4000);
     clip->setTimestampOfDataProvider(1000);
-
     clip->cutStartWithTimestamp(2000);  // asks for 3 s more, the media has 1 s before
     EXPECT_EQ(clip->timestampOfDataProvider(), 0);
     EXPECT_EQ(clip->timestampOfTrack(), 4000);
     EXPECT_EQ(clip->durationOfTrack(), 5000);
-
     clip->cutStartWithTimestamp(8800);  // would leave 200 ms
     EXPECT_EQ(clip->timestampOfTrack(), 8500);
     EXPECT_EQ(clip->durationOfTrack(), 500);
     EXPECT_EQ(clip->timestampOfDataProvider(), 4500);
-}
 
-TEST(VTClipTest, trimmingTheEndKeepsTheMinimumUnlessTheMediaEndsFirst)
-{
-    auto clip = clipOver(10000, 4000);
-    ASSERT_TRUE(clip);
+    clip = clipAt(0, 4000);
     clip->cutEndWithDuration(100);
     EXPECT_EQ(clip->durationOfTrack(), 500);
     clip->cutEndWithDuration(12000);
     EXPECT_EQ(clip->durationOfTrack(), 10000);
-
+    // Where the media ends first, the end stops there, below the minimum.
     clip->setDurationOfTrack(100);
     clip->setTimestampOfDataProvider(9800);
     clip->cutEndWithDuration(100);
     EXPECT_EQ(clip->durationOfTrack(), 200);
 }
 
-TEST(VTClipTest, anArchivedClipComesBackWithItsFieldsAndAGainNarrowedToFloat)
+TEST(VTClipTest, anArchivedClipComesBackUnderTheDocumentKeysOrAsNothingWithoutItsMedia)
 {
-    auto clip = clipOver(10000, 4000);
-    ASSERT_TRUE(clip);
-    clip->setTimestampOfTrack(1234);
+    auto clip = clipAt(1234, 4000);
     clip->setTimestampOfDataProvider(567);
     clip->setVolume(0.1);
     clip->setEnableFadeOut(true);
     clip->setDurationOfFadeIn(300);
 
     const QByteArray data = brindle::KeyedArchiver::archivedDataWithRootObject(*clip);
+    for (const char* key : {"_dataProviderIds", "_timestampOfTrack", "_timestampOfDataProviders", "_durationOfFadeOut",
+                            "_durationOfFadeIn", "_durationOfTrack", "_enableFadeIn", "_enableFadeOut", "_volume",
+                            "_uuidString"})
+        EXPECT_TRUE(data.contains(key)) << key;
     auto decoded = brindle::KeyedUnarchiver::unarchivedObjectOfClass<VTClip>(data);
     ASSERT_TRUE(decoded);
     EXPECT_EQ(decoded->identifier(), clip->identifier());
@@ -263,20 +196,12 @@ TEST(VTClipTest, anArchivedClipComesBackWithItsFieldsAndAGainNarrowedToFloat)
     EXPECT_EQ(decoded->durationOfFadeOut(), 3000);
     EXPECT_FALSE(decoded->enableFadeIn());
     EXPECT_TRUE(decoded->enableFadeOut());
-    EXPECT_EQ(decoded->volume(), static_cast<double>(0.1f));
-}
+    EXPECT_EQ(decoded->volume(), static_cast<double>(0.1f));  // stored as a float
 
-TEST(VTClipTest, aClipWhoseProviderIsMissingDecodesAsNothing)
-{
-    auto clip = clipOver(10000, 4000);
-    ASSERT_TRUE(clip);
-    QByteArray data = brindle::KeyedArchiver::archivedDataWithRootObject(*clip);
+    QByteArray missing = data;
     const QByteArray path = clip->dataProviderIds().toUtf8();
-    QByteArray other = path;
-    other.replace("silence", "missing");  // same length: the property list stays well-formed
-    data.replace(path, other);
-
+    missing.replace(path, QByteArray(path).replace("silence", "missing"));  // same length: still well-formed
     LogCapture log;
-    EXPECT_FALSE(brindle::KeyedUnarchiver::unarchivedObjectOfClass<VTClip>(data));
+    EXPECT_FALSE(brindle::KeyedUnarchiver::unarchivedObjectOfClass<VTClip>(missing));
     EXPECT_TRUE(log.contains(QStringLiteral("Warning: Clip data provider not found. It will be removed automatically.")));
 }

@@ -1,3 +1,5 @@
+// Projects pulled buffer by buffer and compared, frame by frame, with a mix
+// computed independently from the rules.
 #include "ModelFixtures.h"
 
 #include "model/VTClip.h"
@@ -11,6 +13,7 @@
 #include <cstring>
 
 using brindle::MixSource;
+using brindle::test::LogCapture;
 using brindle::test::mediaWithSamples;
 using brindle::test::samples16;
 
@@ -37,22 +40,18 @@ public:
     };
     using Track = std::vector<std::pair<std::shared_ptr<VTClip>, const Media*>>;
 
-    ReferenceMix(int64_t bufferFrames, int64_t from)
-        : m_frames(bufferFrames), m_from(from), m_seekIndex(from * kRate / 1000)
+    ReferenceMix(int64_t bufferFrames, int64_t from, std::vector<Track> tracks)
+        : m_frames(bufferFrames), m_from(from), m_seekIndex(from * kRate / 1000), m_tracks(std::move(tracks))
     {
     }
-
-    void addTrack(Track clips) { m_tracks.push_back(std::move(clips)); }
 
     // The project's answer for the buffer that starts at `bufferStart`.
     Piece pull(int64_t bufferStart) const
     {
         Piece project;
-        bool first = true;
-        for (const auto& track : m_tracks) {
-            const Piece piece = trackPiece(track, bufferStart);
-            project = first ? piece : combine(project, piece);
-            first = false;
+        for (size_t index = 0; index < m_tracks.size(); ++index) {
+            const Piece piece = trackPiece(m_tracks[index], bufferStart);
+            project = index == 0 ? piece : combine(project, piece);
         }
         return project;
     }
@@ -183,202 +182,179 @@ struct NamedMedia {
     ReferenceMix::Media media;
 };
 
+// Three seconds of 16-bit stereo at the mix rate, registered once.
 template <class Value>
-NamedMedia makeMedia(const QString& name, int64_t frames, Value value)
+NamedMedia makeMedia(const QString& name, Value value)
 {
     NamedMedia made;
-    const QByteArray bytes = samples16(frames, 2, value);
+    const QByteArray bytes = samples16(3 * kRate, 2, value);
     made.identifier = mediaWithSamples(name, 1, 2, kRate, bytes);
-    made.media.frames = frames;
-    made.media.samples.resize(static_cast<size_t>(frames * 2));
+    made.media.frames = 3 * kRate;
+    made.media.samples.resize(static_cast<size_t>(3 * kRate * 2));
     std::memcpy(made.media.samples.data(), bytes.constData(), static_cast<size_t>(bytes.size()));
     return made;
 }
 
-struct ClipSpec {
+const NamedMedia& tone()
+{
+    static const NamedMedia media = makeMedia(QStringLiteral("mix-tone"), [](int64_t frame, int channel) {
+        return 19000.0 * std::sin(frame * (channel ? 0.031 : 0.057));
+    });
+    return media;
+}
+
+// Loud and different in every frame, so a misplaced frame or a missed clamp shows.
+const NamedMedia& noise()
+{
+    static const NamedMedia media = makeMedia(QStringLiteral("mix-noise"), [](int64_t frame, int channel) {
+        return ((frame * 2654435761LL + channel * 40503) % 64001) - 32000;
+    });
+    return media;
+}
+
+const NamedMedia& low()
+{
+    static const NamedMedia media = makeMedia(QStringLiteral("mix-low"), [](int64_t, int) { return -20000; });
+    return media;
+}
+
+struct PlacedClip {
+    const NamedMedia& media;
     int64_t start, duration, offset;
     double volume = 1.0;
     int64_t fadeIn = 0, fadeOut = 0;
 };
+using Layout = std::vector<std::vector<PlacedClip>>;
 
-class EightTracks {
-public:
-    EightTracks()
-    {
-        tone = makeMedia(QStringLiteral("mix-tone"), 3 * kRate, [](int64_t frame, int channel) {
-            return 19000.0 * std::sin(frame * (channel ? 0.031 : 0.057));
-        });
-        noise = makeMedia(QStringLiteral("mix-noise"), 3 * kRate, [](int64_t frame, int channel) {
-            return ((frame * 2654435761LL + channel * 40503) % 64001) - 32000;
-        });
-        low = makeMedia(QStringLiteral("mix-low"), 3 * kRate, [](int64_t, int) { return -20000; });
-        const std::vector<std::vector<std::pair<ClipSpec, const NamedMedia*>>> layout = {
-            {{{0, 2000, 0}, &tone}},
-            {{{1000, 1800, 0, 1.5, 300, 0}, &noise}},
-            {{{500, 1500, 250, 1.0, 0, 500}, &tone}, {{1200, 1000, 250}, &low}},
-            {},
-            {{{2500, 800, 100, 0.3, 200, 300}, &noise}},
-            {{{21, 600, 0}, &low}, {{30, 900, 1000, 2.5}, &low}},
-            {{{0, 700, 0}, &noise}, {{900, 500, 2000}, &tone}, {{1700, 600, 0, 0.8, 100, 100}, &low}},
-            {{{2200, 1500, 2000}, &tone}},  // runs past the media's end
-        };
-        project = std::make_shared<VTProject>();
-        for (const auto& specs : layout) {
-            auto track = std::make_shared<VTTrack>();
-            ReferenceMix::Track clips;
-            for (const auto& [spec, media] : specs) {
-                auto clip = VTClip::initWithDataProviderIDs(media->identifier);
-                // A short length first, so that any offset fits; the final
-                // length may then run past the media's end.
-                clip->setDurationOfTrack(1);
-                clip->setTimestampOfDataProvider(spec.offset);
-                clip->setDurationOfTrack(spec.duration);
-                clip->setTimestampOfTrack(spec.start);
-                clip->setVolume(spec.volume);
-                clip->setDurationOfFadeIn(spec.fadeIn);
-                clip->setEnableFadeIn(spec.fadeIn > 0);
-                clip->setDurationOfFadeOut(spec.fadeOut);
-                clip->setEnableFadeOut(spec.fadeOut > 0);
-                track->importClip(clip);
-                clips.emplace_back(clip, &media->media);
-            }
-            project->importTrack(track);
-            referenceTracks.push_back(clips);
-        }
-    }
-
-    NamedMedia tone, noise, low;
-    std::shared_ptr<VTProject> project;
-    std::vector<ReferenceMix::Track> referenceTracks;
-};
-
-// Pulls the whole project from `from` and compares every frame with the reference.
-void expectMixMatchesReference(EightTracks& setup, int64_t bufferFrames, int64_t from)
+// Builds the layout as a project, pulls it whole from `from` in buffers of
+// `bufferFrames` and compares every answer, flag and frame with the reference.
+void expectMixMatchesReference(const Layout& layout, int64_t bufferFrames, int64_t from)
 {
-    ReferenceMix reference(bufferFrames, from);
-    for (const auto& track : setup.referenceTracks)
-        reference.addTrack(track);
+    auto project = std::make_shared<VTProject>();
+    std::vector<ReferenceMix::Track> referenceTracks;
+    QStringList keys;
+    for (const auto& placedClips : layout) {
+        auto track = std::make_shared<VTTrack>();
+        keys.append(track->identifier());
+        ReferenceMix::Track clips;
+        for (const PlacedClip& placed : placedClips) {
+            auto clip = VTClip::initWithDataProviderIDs(placed.media.identifier);
+            // A short length first, so that any offset fits; the final length
+            // may then run past the media's end.
+            clip->setDurationOfTrack(1);
+            clip->setTimestampOfDataProvider(placed.offset);
+            clip->setDurationOfTrack(placed.duration);
+            clip->setTimestampOfTrack(placed.start);
+            clip->setVolume(placed.volume);
+            clip->setDurationOfFadeIn(placed.fadeIn);
+            clip->setEnableFadeIn(placed.fadeIn > 0);
+            clip->setDurationOfFadeOut(placed.fadeOut);
+            clip->setEnableFadeOut(placed.fadeOut > 0);
+            track->importClip(clip);
+            clips.emplace_back(clip, &placed.media.media);
+            keys.append(clip->identifier());
+        }
+        project->importTrack(track);
+        referenceTracks.push_back(clips);
+    }
+    const ReferenceMix reference(bufferFrames, from, referenceTracks);
 
     VTMixContext context(kRate, 2, 1);
-    VTProject& project = *setup.project;
-    project.startMixWithContext(context);
-    project.seekToTimestamp(from, context);
+    project->startMixWithContext(context);
+    project->seekToTimestamp(from, context);
     EXPECT_EQ(context.timestampOfTrackStart(), from);
     std::vector<int16_t> buffer(static_cast<size_t>(bufferFrames * 2));
     int64_t index = from * kRate / 1000;
     int64_t mismatches = 0;
-    while (!project.isEndOfSource(context)) {
+    for (;;) {
+        // The source is at its end exactly when its next answer is the end marker.
+        const bool atEnd = project->isEndOfSource(context);
         bool flag = false;
-        const int64_t result = project.nextSample(buffer.data(), bufferFrames, &flag, context);
+        const int64_t result = project->nextSample(buffer.data(), bufferFrames, &flag, context);
         const ReferenceMix::Piece expected = reference.pull(index);
         ASSERT_EQ(result, expected.result) << "buffer at " << index;
+        ASSERT_EQ(atEnd, result == kEnd) << "buffer at " << index;
         if (result == kEnd)
             break;
         EXPECT_EQ(flag, expected.flag) << "buffer at " << index;
-        for (int64_t frame = 0; frame < bufferFrames; ++frame) {
-            for (int channel = 0; channel < 2; ++channel) {
-                const size_t at = static_cast<size_t>(frame * 2 + channel);
-                if (expected.samples[at] != buffer[at] && ++mismatches <= 5)
-                    ADD_FAILURE() << "frame " << index + frame << " channel " << channel << ": expected "
-                                  << expected.samples[at] << ", mixed " << buffer[at];
-            }
+        for (size_t at = 0; at < buffer.size(); ++at) {
+            if (expected.samples[at] != buffer[at] && ++mismatches <= 5)
+                ADD_FAILURE() << "frame " << index + int64_t(at / 2) << " channel " << at % 2 << ": expected "
+                              << expected.samples[at] << ", mixed " << buffer[at];
         }
         index += bufferFrames;
     }
-    project.endMixWithContext(context);
+    project->endMixWithContext(context);
     EXPECT_EQ(mismatches, 0);
-    EXPECT_GE(index, (2200 + 1500) * kRate / 1000);  // the whole project was pulled
-    EXPECT_FALSE(context.userInfoForKey(VTMixContext::kProjectMixOperationKey));
+    EXPECT_GE(index, project->duration() * kRate / 1000);  // the whole project was pulled
+    // Ending the mix drops every state it kept in the context.
+    keys.append(VTMixContext::kProjectMixOperationKey);
+    for (const QString& key : keys)
+        EXPECT_FALSE(context.userInfoForKey(key)) << qPrintable(key);
 }
 
 }  // namespace
 
-TEST(VTProjectMixTest, eightTracksOfOverlappingClipsMixAsComputedSampleBySample)
+TEST(VTProjectMixTest, projectsMixAsComputedSampleBySample)
 {
-    EightTracks setup;
-    expectMixMatchesReference(setup, 1024, 0);
-    expectMixMatchesReference(setup, 2048, 0);
+    const Layout eightTracks = {
+        {{tone(), 0, 2000, 0}},
+        {{noise(), 1000, 1800, 0, 1.5, 300, 0}},
+        {{tone(), 500, 1500, 250, 1.0, 0, 500}, {low(), 1200, 1000, 250}},
+        {},
+        {{noise(), 2500, 800, 100, 0.3, 200, 300}},
+        {{low(), 21, 600, 0}, {low(), 30, 900, 1000, 2.5}},
+        {{noise(), 0, 700, 0}, {tone(), 900, 500, 2000}, {low(), 1700, 600, 0, 0.8, 100, 100}},
+        {{tone(), 2200, 1500, 2000}},  // runs past the media's end
+    };
+    struct Case {
+        const char* what;
+        Layout layout;
+        int64_t bufferFrames, from;
+    };
+    const Case cases[] = {
+        {"eight tracks of overlapping clips", eightTracks, 1024, 0},
+        {"eight tracks in larger buffers", eightTracks, 2048, 0},
+        {"eight tracks from a seek: every clip restarts there", eightTracks, 1024, 1130},
+        {"an empty track: at its end at once", Layout(1), 1024, 0},
+        {"a clip starting inside a buffer", {{{noise(), 1000, 2000, 0}}}, 1024, 0},
+        {"a clip starting where a buffer ends", {{{noise(), 64, 500, 0}}}, 1024, 0},
+        {"a clip running past its media's end", {{{noise(), 0, 3500, 0}}}, 1000, 0},
+        {"the media ending inside a late-starting buffer", {{{noise(), 10, 1000, 2990}}}, 1024, 0},
+        {"the last buffer carrying media past the clip's end", {{{noise(), 0, 500, 0}}}, 1000, 0},
+        {"a seek into a clip", {{{noise(), 1000, 1500, 100}}}, 64, 1200},
+        {"a seek before a clip", {{{noise(), 1000, 1500, 100}}}, 3200, 600},
+        {"gain and fades in small buffers", {{{noise(), 103, 1500, 200, 1.7, 300, 400}}}, 1000, 0},
+        {"gain and fades in one buffer", {{{noise(), 103, 1500, 200, 1.7, 300, 400}}}, 100000, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.what << ", buffers of " << c.bufferFrames << " from " << c.from);
+        expectMixMatchesReference(c.layout, c.bufferFrames, c.from);
+    }
 }
 
-TEST(VTProjectMixTest, aSeekRestartsEveryClipAtTheNewPosition)
+// Two overlapping tracks: float output mixes by the float rule (−20000 is
+// a = −0.6103515625, and a with a is a·a + 2a); formats other than 16-bit and
+// float end the mix.
+TEST(VTProjectMixTest, floatOutputUsesTheFloatRuleAndOtherFormatsEndTheMixWithAMessage)
 {
-    EightTracks setup;
-    expectMixMatchesReference(setup, 1024, 1130);
-}
-
-TEST(VTProjectMixTest, anEmptyProjectIsAtItsEndAtOnce)
-{
-    VTProject project;
-    project.importTrack(std::make_shared<VTTrack>());
-    VTMixContext context(kRate, 2, 1);
-    project.startMixWithContext(context);
-    project.seekToTimestamp(0, context);
-    std::vector<int16_t> buffer(64);
-    bool flag = false;
-    EXPECT_EQ(project.nextSample(buffer.data(), 32, &flag, context), kEnd);
-    EXPECT_TRUE(project.isEndOfSource(context));
-    EXPECT_FALSE(context.userInfoForKey(VTMixContext::kProjectMixOperationKey));
-}
-
-TEST(VTProjectMixTest, aOneTrackOneClipProjectReadsTheClipWithoutAMixerNode)
-{
-    const auto media = makeMedia(QStringLiteral("single"), kRate, [](int64_t frame, int) { return frame % 1000; });
-    auto clip = VTClip::initWithDataProviderIDs(media.identifier);
-    auto track = std::make_shared<VTTrack>();
-    track->importClip(clip);
-    VTProject project;
-    project.importTrack(track);
-
-    VTMixContext context(kRate, 2, 1);
-    project.startMixWithContext(context);
-    auto* root = context.userInfoForKey<std::shared_ptr<MixSource>>(VTMixContext::kProjectMixOperationKey);
-    ASSERT_TRUE(root);
-    EXPECT_EQ(root->get(), static_cast<MixSource*>(track.get()));
-    auto* trackRoot = context.userInfoForKey<std::shared_ptr<MixSource>>(track->identifier());
-    ASSERT_TRUE(trackRoot);
-    EXPECT_EQ(trackRoot->get(), static_cast<MixSource*>(clip.get()));
-
-    project.seekToTimestamp(0, context);
-    std::vector<int16_t> buffer(2 * 100);
-    bool flag = false;
-    EXPECT_EQ(project.nextSample(buffer.data(), 100, &flag, context), 100);
-    EXPECT_EQ(buffer[2 * 99], 99);
-    project.endMixWithContext(context);
-    EXPECT_FALSE(context.userInfoForKey(clip->identifier()));
-    EXPECT_FALSE(context.userInfoForKey(track->identifier()));
-}
-
-TEST(VTProjectMixTest, mixFormatsOtherThanSixteenBitAndFloatEndTheMixWithAMessage)
-{
-    EightTracks setup;
-    for (int32_t format : {2, 4}) {
+    auto project = brindle::test::projectWith({{brindle::test::clipAt(0, 0, low().identifier)},
+                                               {brindle::test::clipAt(0, 0, low().identifier)}});
+    for (int32_t format : {3, 2, 4}) {
         VTMixContext context(kRate, 2, format);
-        setup.project->startMixWithContext(context);
-        setup.project->seekToTimestamp(0, context);
-        brindle::test::LogCapture log;
-        std::vector<double> buffer(2 * 256);
+        project->startMixWithContext(context);
+        project->seekToTimestamp(0, context);
+        LogCapture log;
+        std::vector<double> buffer(2 * 512);
         bool flag = false;
-        EXPECT_EQ(setup.project->nextSample(buffer.data(), 256, &flag, context), kEnd);
-        EXPECT_TRUE(log.contains(QStringLiteral("Can't support sample format(%1) mix").arg(format)));
-        setup.project->endMixWithContext(context);
+        const int64_t result = project->nextSample(buffer.data(), 512, &flag, context);
+        if (format == 3) {
+            EXPECT_EQ(result, 512);
+            EXPECT_NEAR(reinterpret_cast<const float*>(buffer.data())[100], -0.848174f, 1e-4);
+        } else {
+            EXPECT_EQ(result, kEnd);
+            EXPECT_TRUE(log.contains(QStringLiteral("Can't support sample format(%1) mix").arg(format)));
+        }
+        project->endMixWithContext(context);
     }
-}
-
-TEST(VTProjectMixTest, aFloatMixOfOverlappingClipsUsesTheFloatRule)
-{
-    const auto media = makeMedia(QStringLiteral("half"), kRate, [](int64_t, int) { return 16384; });
-    VTProject project;
-    for (int index = 0; index < 2; ++index) {
-        auto track = std::make_shared<VTTrack>();
-        track->importClip(VTClip::initWithDataProviderIDs(media.identifier));
-        project.importTrack(track);
-    }
-    VTMixContext context(kRate, 2, 3);
-    project.startMixWithContext(context);
-    project.seekToTimestamp(0, context);
-    std::vector<float> buffer(2 * 512);
-    bool flag = false;
-    EXPECT_EQ(project.nextSample(buffer.data(), 512, &flag, context), 512);
-    // 16384 converts to 0.5; 0.5 and 0.5 mix to 0.75.
-    EXPECT_NEAR(buffer[100], 0.75f, 1e-4);
 }

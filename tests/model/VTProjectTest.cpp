@@ -8,55 +8,35 @@
 
 #include <gtest/gtest.h>
 
-using brindle::test::silentMediaOfDuration;
+using brindle::test::clipAt;
+using brindle::test::projectWith;
 
 namespace {
 
-std::shared_ptr<VTClip> clipAt(int64_t start, int64_t duration, const QString& media = silentMediaOfDuration(10000))
+int64_t clipsOnTrack(const VTProject& project, int64_t index)
 {
-    auto clip = VTClip::initWithDataProviderIDs(media);
-    clip->setDurationOfTrack(duration);
-    clip->setTimestampOfTrack(start);
-    return clip;
-}
-
-// A project with `tracks` tracks, each holding the given clips in order.
-std::shared_ptr<VTProject> projectWith(const std::vector<VTProject::ClipList>& tracks)
-{
-    auto project = std::make_shared<VTProject>();
-    for (const auto& clips : tracks) {
-        auto track = std::make_shared<VTTrack>();
-        track->importClips(clips);
-        project->importTrack(track);
-    }
-    return project;
+    return project.trackAtIndex(index)->numberOfClips();
 }
 
 }  // namespace
 
-TEST(VTProjectTest, aNewProjectIsEmptyAndUntitled)
+TEST(VTProjectTest, theTitleComesFromTheUrlAndThePositionStaysWithinTheProject)
 {
-    VTProject project;
-    EXPECT_EQ(project.title(), QStringLiteral("Untiltled"));
-    EXPECT_EQ(project.duration(), 0);
-    EXPECT_EQ(project.numberOfTracks(), 0);
-    EXPECT_FALSE(project.needSaved());
-    EXPECT_EQ(VTProject::supportMaxNumberOfTracks(), 8);
+    VTProject empty;
+    EXPECT_EQ(empty.title(), QStringLiteral("Untiltled"));
+    EXPECT_EQ(empty.duration(), 0);
+    EXPECT_EQ(empty.numberOfTracks(), 0);
+    EXPECT_FALSE(empty.needSaved());
     EXPECT_EQ(VTProject::documentType(), QStringList{QStringLiteral("loomwick")});
-    project.setUrl(QUrl::fromLocalFile(QStringLiteral("/music/Song.loomwick")));
-    EXPECT_EQ(project.title(), QStringLiteral("Song"));
-}
+    empty.setUrl(QUrl::fromLocalFile(QStringLiteral("/music/Song.loomwick")));
+    EXPECT_EQ(empty.title(), QStringLiteral("Song"));
 
-TEST(VTProjectTest, theTimePositionStaysWithinTheProject)
-{
     auto project = projectWith({{clipAt(1000, 2000)}, {clipAt(0, 4000)}});
     EXPECT_EQ(project->duration(), 4000);
-    project->setTimePosition(-5);
-    EXPECT_EQ(project->timePosition(), 0);
-    project->setTimePosition(9000);
-    EXPECT_EQ(project->timePosition(), 4000);
-    project->setTimePosition(1234);
-    EXPECT_EQ(project->timePosition(), 1234);
+    for (auto [set, read] : {std::pair<int64_t, int64_t>{-5, 0}, {9000, 4000}, {1234, 1234}}) {
+        project->setTimePosition(set);
+        EXPECT_EQ(project->timePosition(), read) << set;
+    }
 }
 
 TEST(VTProjectTest, lookUpsFindClipsAndTheirTracksOrAnswerNotFound)
@@ -67,44 +47,39 @@ TEST(VTProjectTest, lookUpsFindClipsAndTheirTracksOrAnswerNotFound)
     auto project = projectWith({{a}, {b, c}});
     EXPECT_EQ(project->clipWithIdentifier(c->identifier()), c);
     EXPECT_EQ(project->trackIndexWithClipIds(c->identifier()), 1);
-    EXPECT_EQ(project->trackWithClip(*a), (*project->tracks())[0]);
     EXPECT_EQ(project->trackIndexWithClip(*b), 1);
     EXPECT_EQ(project->trackIndexWithClipIds(QStringLiteral("none")), VTProject::kNotFound);
     EXPECT_FALSE(project->trackWithClipIds(QStringLiteral("none")));
+    EXPECT_FALSE(project->trackAtIndex(2));
     const auto found = project->clipsWithIdentifiers({c->identifier(), QStringLiteral("none"), a->identifier()});
-    ASSERT_EQ(found.size(), 2u);
-    EXPECT_EQ(found[0], c);
-    EXPECT_EQ(found[1], a);
-    EXPECT_EQ(VTProject::identifiersWithClips({a, b}), (QStringList{a->identifier(), b->identifier()}));
+    EXPECT_EQ(found, (VTProject::ClipList{c, a}));
 }
 
-TEST(VTProjectTest, importingAtAMissingTrackIndexAddsExactlyOneTrack)
+TEST(VTProjectTest, placingAClipAddsATrackOnlyWhenItsIndexIsMissing)
 {
     auto project = projectWith({{}, {}});
+    // Any missing index adds exactly one track.
     EXPECT_TRUE(project->importClipAtTrackIndex(clipAt(0, 1000), 5));
     EXPECT_EQ(project->numberOfTracks(), 3);
-    EXPECT_EQ((*project->tracks())[2]->numberOfClips(), 1);
+    EXPECT_EQ(clipsOnTrack(*project, 2), 1);
     EXPECT_TRUE(project->importClipsAtTrackIndex({clipAt(0, 1000), clipAt(0, 1000)}, 0));
-    EXPECT_EQ((*project->tracks())[0]->numberOfClips(), 2);
+    EXPECT_EQ(clipsOnTrack(*project, 0), 2);
     EXPECT_FALSE(project->importClipAtTrackIndex(clipAt(0, 1000), VTProject::kNotFound));
     EXPECT_EQ(project->numberOfTracks(), 3);
-    EXPECT_TRUE(project->importClipAtTrack(clipAt(0, 1000), (*project->tracks())[1]));
-    EXPECT_EQ((*project->tracks())[1]->numberOfClips(), 1);
-}
+    EXPECT_TRUE(project->importClipAtTrack(clipAt(0, 1000), project->trackAtIndex(1)));
+    EXPECT_EQ(clipsOnTrack(*project, 1), 1);
 
-TEST(VTProjectTest, movingAClipToALaterTrackCreatesTheTracksUpToIt)
-{
+    // Moving a clip creates the tracks up to its new one, never a ninth.
     auto clip = clipAt(2500, 1000);
-    auto project = projectWith({{clip}, {}});
+    project->importClipAtTrackIndex(clip, 0);
     project->moveClip(clip, 7);
     ASSERT_EQ(project->numberOfTracks(), 8);
     EXPECT_EQ(project->trackIndexWithClip(*clip), 7);
-    EXPECT_EQ((*project->tracks())[0]->numberOfClips(), 0);
+    EXPECT_EQ(clipsOnTrack(*project, 0), 2);
     EXPECT_EQ(clip->timestampOfTrack(), 2500);
-
     project->moveClip(clip, 7);  // already there
-    EXPECT_EQ((*project->tracks())[7]->numberOfClips(), 1);
-    project->moveClip(clip, 8);  // beyond the supported tracks
+    EXPECT_EQ(clipsOnTrack(*project, 7), 1);
+    project->moveClip(clip, 8);
     EXPECT_EQ(project->numberOfTracks(), 8);
     EXPECT_EQ(project->trackIndexWithClip(*clip), 7);
 }
@@ -113,40 +88,27 @@ TEST(VTProjectTest, replacementPutsClipStatesBackOnTheirTracks)
 {
     auto a = clipAt(0, 1000);
     auto b = clipAt(0, 1000);
-    auto project = projectWith({{a, b}, {}});
-
-    auto aBefore = std::shared_ptr<VTClip>(
-        brindle::KeyedUnarchiver::unarchivedObjectOfClass<VTClip>(brindle::KeyedArchiver::archivedDataWithRootObject(*a)));
-    auto bBefore = std::shared_ptr<VTClip>(
-        brindle::KeyedUnarchiver::unarchivedObjectOfClass<VTClip>(brindle::KeyedArchiver::archivedDataWithRootObject(*b)));
+    auto c = clipAt(0, 1000);
+    auto project = projectWith({{a, b, c}, {}});
+    auto before = [](const VTClip& clip) {
+        return brindle::KeyedUnarchiver::unarchivedObjectOfClass<VTClip>(
+            brindle::KeyedArchiver::archivedDataWithRootObject(clip));
+    };
+    auto aBefore = before(*a);
+    auto bBefore = before(*b);
     auto stranger = clipAt(0, 1000);
     aBefore->setTimestampOfTrack(4000);
 
-    project->replacementWithClips({aBefore, bBefore, stranger}, {{a->identifier(), 0}, {b->identifier(), 3},
-                                                               {stranger->identifier(), 1}});
-    const auto first = (*project->tracks())[0]->clips();
-    ASSERT_EQ(first->size(), 1u);
-    EXPECT_EQ(first->front(), aBefore);  // replaced in place
+    project->replacementWithClips({aBefore, bBefore, stranger},
+                                  {{a->identifier(), 0}, {b->identifier(), 3}, {stranger->identifier(), 1}});
+    EXPECT_EQ(*project->trackAtIndex(0)->clips(), (VTProject::ClipList{aBefore, c}));  // replaced in place
     EXPECT_EQ(project->clipWithIdentifier(a->identifier())->timestampOfTrack(), 4000);
     ASSERT_EQ(project->numberOfTracks(), 3);  // one new track for an index past the last
-    EXPECT_EQ((*project->tracks())[2]->clips()->front(), bBefore);
+    EXPECT_EQ(project->trackAtIndex(2)->clips()->front(), bBefore);
     EXPECT_FALSE(project->clipWithIdentifier(stranger->identifier()));
 }
 
-TEST(VTProjectTest, removingClipsDropsThemFromTheirTracksAndTheSelection)
-{
-    auto a = clipAt(0, 1000);
-    auto b = clipAt(0, 1000);
-    auto project = projectWith({{a}, {b}});
-    project->setSelections({a->identifier(), b->identifier()});
-    EXPECT_TRUE(project->removeClipsWithIdentifer({b->identifier()}));
-    EXPECT_EQ(project->selections(), QStringList{a->identifier()});
-    EXPECT_EQ((*project->tracks())[1]->numberOfClips(), 0);
-    EXPECT_TRUE(project->removeClips({a}));
-    EXPECT_TRUE(project->selections().isEmpty());
-}
-
-TEST(VTProjectTest, splittingTheSelectionAppendsTheRightPartsToTheSameTracks)
+TEST(VTProjectTest, removingSplittingAndMovingActOnTheSelectedClips)
 {
     auto a = clipAt(0, 4000);
     auto b = clipAt(3000, 4000);
@@ -154,21 +116,17 @@ TEST(VTProjectTest, splittingTheSelectionAppendsTheRightPartsToTheSameTracks)
     auto project = projectWith({{a, c}, {b}});
     project->setSelections({a->identifier(), b->identifier(), c->identifier()});
     const auto parts = project->splitSelectionAtTimestamp(3500);
-    ASSERT_EQ(parts.size(), 2);
-    EXPECT_EQ((*project->tracks())[0]->clips()->back(), parts.value(a->identifier()));
-    EXPECT_EQ((*project->tracks())[1]->clips()->back(), parts.value(b->identifier()));
+    ASSERT_EQ(parts.size(), 2);  // not c, which ends before
+    EXPECT_EQ(project->trackAtIndex(0)->clips()->back(), parts.value(a->identifier()));
+    EXPECT_EQ(project->trackAtIndex(1)->clips()->back(), parts.value(b->identifier()));
     EXPECT_EQ(parts.value(b->identifier())->timestampOfTrack(), 3500);
     EXPECT_EQ(a->durationOfTrack(), 3500);
     EXPECT_EQ(project->selections().size(), 3);
-}
 
-TEST(VTProjectTest, movingASelectionStopsEachClipAtZero)
-{
-    auto a = clipAt(1000, 500);
-    auto b = clipAt(3000, 500);
-    auto project = projectWith({{a}, {b}});
-    EXPECT_FALSE(project->moveLeftWithDelta(2000));
-    project->setSelections({a->identifier(), b->identifier()});
+    EXPECT_TRUE(project->removeClipsWithIdentifer({c->identifier()}));
+    EXPECT_EQ(project->selections(), (QStringList{a->identifier(), b->identifier()}));
+    EXPECT_EQ(clipsOnTrack(*project, 0), 2);
+    // Each selected clip moves by itself and stops at 0.
     EXPECT_TRUE(project->moveLeftWithDelta(2000));
     EXPECT_EQ(a->timestampOfTrack(), 0);
     EXPECT_EQ(b->timestampOfTrack(), 1000);
@@ -176,17 +134,19 @@ TEST(VTProjectTest, movingASelectionStopsEachClipAtZero)
     EXPECT_EQ(a->timestampOfTrack(), 500);
     EXPECT_EQ(b->timestampOfTrack(), 1500);
     EXPECT_TRUE(project->moveSelectionWithDelta(-4000));
-    EXPECT_EQ(a->timestampOfTrack(), 0);
-    EXPECT_EQ(b->timestampOfTrack(), 0);
+    EXPECT_EQ(a->timestampOfTrack() + b->timestampOfTrack(), 0);
+    EXPECT_TRUE(project->removeClips({a}));
+    EXPECT_EQ(project->selections(), QStringList{b->identifier()});
+    project->setSelections({});
+    EXPECT_FALSE(project->moveLeftWithDelta(2000));
 }
 
 TEST(VTProjectTest, anArchivedProjectComesBackWithoutTheClipsWhoseMediaIsGone)
 {
-    const QString kept = silentMediaOfDuration(10000);
     const QString lost = brindle::test::mediaWithSamples(QStringLiteral("lost"), 0, 1, 8000, QByteArray(8000, char(128)));
-    auto a = clipAt(1000, 500, kept);
+    auto a = clipAt(1000, 500);
     auto b = clipAt(0, 500, lost);
-    auto c = clipAt(2000, 500, kept);
+    auto c = clipAt(2000, 500);
     auto project = projectWith({{a, b, c}, {}});
     project->setUrl(QUrl::fromLocalFile(QStringLiteral("/music/Song.loomwick")));
     project->setSelections({b->identifier(), c->identifier()});
@@ -194,6 +154,8 @@ TEST(VTProjectTest, anArchivedProjectComesBackWithoutTheClipsWhoseMediaIsGone)
     project->setNeedSaved(true);
 
     const QByteArray data = brindle::KeyedArchiver::archivedDataWithRootObject(*project);
+    for (const char* key : {"_url", "_tracks", "_selections", "_timePosition", "_clips"})
+        EXPECT_TRUE(data.contains(key)) << key;
     VTDataProviderMgr::shareDataProviderMgr().removeDataProviderWithIdentifier(lost);
     brindle::test::LogCapture log;
     auto decoded = brindle::KeyedUnarchiver::unarchivedObjectOfClass<VTProject>(data);
@@ -204,11 +166,9 @@ TEST(VTProjectTest, anArchivedProjectComesBackWithoutTheClipsWhoseMediaIsGone)
     EXPECT_FALSE(decoded->needSaved());
     EXPECT_EQ(decoded->selections(), project->selections());
     ASSERT_EQ(decoded->numberOfTracks(), 2);
-    EXPECT_EQ((*decoded->tracks())[0]->identifier(), (*project->tracks())[0]->identifier());
-    const auto clips = (*decoded->tracks())[0]->clips();
-    ASSERT_EQ(clips->size(), 2u);
-    EXPECT_EQ((*clips)[0]->identifier(), a->identifier());
-    EXPECT_EQ((*clips)[1]->identifier(), c->identifier());
+    EXPECT_EQ(decoded->trackAtIndex(0)->identifier(), project->trackAtIndex(0)->identifier());
+    EXPECT_EQ(VTProject::identifiersWithClips(*decoded->trackAtIndex(0)->clips()),
+              (QStringList{a->identifier(), c->identifier()}));
     // The selection still names the dropped clip; look-ups skip it.
     EXPECT_EQ(decoded->clipsWithIdentifiers(decoded->selections()).size(), 1u);
 }
