@@ -1,35 +1,93 @@
-// Decoded media fixtures shared by the data-provider tests of one process,
-// and a read checker against FFmpeg's own decode.
+// Helpers shared by the media tests: decoded providers shared within a
+// process, a read checker against FFmpeg's own decode, and a provider's
+// frame table and legacy fields.
 #pragma once
 
 #include "media/VTDataProvider.h"
+#include "support/TestMedia.h"
 
-#include <QByteArray>
-#include <QString>
+#include <QUrl>
 
-#include <cstdint>
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <vector>
 
 namespace brindle::test {
 
+// Probes and decodes `path` into a new cache file; null when probing fails.
+inline std::shared_ptr<VTDataProvider> importFresh(const QString& path)
+{
+    auto provider = VTDataProvider::initWithURL(QUrl::fromLocalFile(path));
+    if (provider)
+        provider->startParserWithBlock(nullptr);
+    return provider;
+}
+
 struct ImportedMedia {
-    QString path;
     std::shared_ptr<VTDataProvider> provider;
-    // The ffmpeg program's decode of the file in the provider's sample format.
-    QByteArray reference;
-    uint64_t referenceSamples() const;
+    QByteArray reference;  // the ffmpeg program's decode in the provider's sample format
 };
 
-// Probes and decodes `path` once per process (later calls answer the same
-// provider); the provider is null when probing failed.
-const ImportedMedia& importedMedia(const QString& path);
-
-// Probes and decodes `path` into a new cache file.
-std::shared_ptr<VTDataProvider> importFresh(const QString& path);
+// importFresh once per path and process (later calls answer the same provider).
+inline const ImportedMedia& importedMedia(const QString& path)
+{
+    static std::mutex mutex;
+    static auto* cache = new std::map<QString, ImportedMedia>();
+    std::lock_guard lock(mutex);
+    auto found = cache->find(path);
+    if (found == cache->end()) {
+        ImportedMedia media{importFresh(path), {}};
+        if (media.provider)
+            media.reference = TestMedia::decodeWithFfmpeg(path, media.provider->sampleFormat()).value_or(QByteArray());
+        found = cache->emplace(path, std::move(media)).first;
+    }
+    return found->second;
+}
 
 // Reads `count` samples at `index` into a guarded buffer and checks the count,
 // the bytes against the reference, and that nothing beyond them was written.
 // Answers an empty string on success, else a description of the first fault.
-QString checkRead(const VTDataProvider& provider, const QByteArray& reference, uint64_t index, uint64_t count);
+inline QString checkRead(const VTDataProvider& provider, const QByteArray& reference, uint64_t index, uint64_t count)
+{
+    constexpr char kGuard = char(0xA5);
+    const uint64_t frameBytes = provider.bytesPerSample();
+    const uint64_t total = uint64_t(reference.size()) / frameBytes;
+    const uint64_t expected = index >= total ? 0 : std::min(count, total - index);
+    // Room for the request, bounded for huge counts, plus a guard band.
+    std::vector<char> buffer(size_t(std::min<uint64_t>(count, total + 16) * frameBytes + 64), kGuard);
+    const uint64_t got = provider.readSampleOfCount(count, buffer.data(), index);
+    const QString where = QStringLiteral("read of %1 at %2: ").arg(count).arg(index);
+    if (got != expected)
+        return where + QStringLiteral("got %1 samples, expected %2").arg(got).arg(expected);
+    const size_t bytes = size_t(got * frameBytes);
+    if (bytes && std::memcmp(buffer.data(), reference.constData() + index * frameBytes, bytes) != 0)
+        return where + QStringLiteral("bytes differ from FFmpeg's decode");
+    if (std::any_of(buffer.begin() + ptrdiff_t(bytes), buffer.end(), [](char c) { return c != kGuard; }))
+        return where + QStringLiteral("wrote beyond the samples it reported");
+    return QString();
+}
+
+// A provider's frame table as comparable rows: offset, length, index, count.
+inline std::vector<std::array<int64_t, 4>> rowsOf(const VTDataProvider& provider)
+{
+    std::vector<std::array<int64_t, 4>> rows;
+    for (const auto& row : provider.cacheTable())
+        rows.push_back({row->offsetOfBuffer(), row->lengthOfBuffer(), row->indexOfSamples(), row->numberOfSamples()});
+    return rows;
+}
+
+// The fields an older project file holds for `provider`.
+inline KRDataProviderLegacyFields legacyFieldsOf(const VTDataProvider& provider)
+{
+    KRDataProviderLegacyFields legacy{provider.identifier(), provider.sampleFormat(), provider.samplerate(),
+                                      provider.numberOfChannel(), provider.cachePathFile(), provider.duration(), {}};
+    for (const auto& [offset, length, index, count] : rowsOf(provider))
+        legacy.cacheTable.push_back({offset, length, index, count});
+    return legacy;
+}
 
 }  // namespace brindle::test

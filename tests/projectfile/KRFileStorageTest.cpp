@@ -1,25 +1,15 @@
 #include "projectfile/KRFileStorage.h"
 
 #include "foundation/KeyedStandard.h"
-#include "media/LogCapture.h"
 #include "projectfile/ProjectFileFixtures.h"
-#include "support/TestEnvironment.h"
 
-#include <QFile>
 #include <QtEndian>
 
 #include <gtest/gtest.h>
 
-using brindle::test::fileBytes;
-using brindle::test::LogCapture;
-using brindle::test::writeBytes;
+using namespace brindle::test;
 
 namespace {
-
-QString containerPath(const QString& name)
-{
-    return brindle::test::TestEnvironment::current().makeScratchDirectory(name) + QStringLiteral("/project.loomwick");
-}
 
 std::shared_ptr<KRFileStorage> open(const QString& path)
 {
@@ -29,7 +19,7 @@ std::shared_ptr<KRFileStorage> open(const QString& path)
 // A container written by the storage's own writer: three blocks and a trailer.
 QString writeContainer(const QString& name)
 {
-    const QString path = containerPath(name);
+    const QString path = scratchFile(name, QStringLiteral("project.loomwick"));
     auto storage = open(path);
     EXPECT_TRUE(storage);
     EXPECT_TRUE(storage->updateFiletrailer(QByteArray("timeline")));
@@ -55,6 +45,10 @@ QByteArray withStructure(const QByteArray& data, const std::vector<KRFileBlockIn
 
 }  // namespace
 
+// Blocks and the trailer read back after reopening; the trailer follows the
+// last block and the file ends with the little-endian size of the structure
+// list and the identifier; a shorter trailer truncates the file. Indexes
+// outside the blocks give nothing.
 TEST(KRFileStorageTest, BlocksAndTrailerWrittenByTheWriterReadBackAfterReopening)
 {
     const QString path = writeContainer(QStringLiteral("roundtrip"));
@@ -66,53 +60,33 @@ TEST(KRFileStorageTest, BlocksAndTrailerWrittenByTheWriterReadBackAfterReopening
     EXPECT_EQ(storage->blockDataAtIndex(2), QByteArray("c"));
     EXPECT_EQ(storage->filetrailerData(), QByteArray("timeline"));
     EXPECT_EQ(storage->fileTrailer().offset(), 11 + 3000 + 1);
-
-    // The trailer follows the last block; the file ends with the size and the identifier.
     const QByteArray bytes = fileBytes(path);
     EXPECT_EQ(bytes.mid(3012, 8), QByteArray("timeline"));
     EXPECT_TRUE(bytes.endsWith("com.Quarnely.testFileStorage"));
-
-    // A shorter trailer truncates the file: nothing of the old tail remains.
+    {
+        LogCapture log;
+        EXPECT_FALSE(storage->blockDataAtIndex(3));
+        EXPECT_FALSE(storage->blockDataAtIndex(-1));
+        EXPECT_EQ(log.lines(), QStringList(2, QStringLiteral("Out of block range.")));
+    }
     ASSERT_TRUE(storage->updateFiletrailer(QByteArray("t")));
     auto reopened = open(path);
     ASSERT_TRUE(reopened);
     EXPECT_EQ(reopened->filetrailerData(), QByteArray("t"));
     EXPECT_EQ(reopened->blockDataCount(), 3);
     EXPECT_LT(fileBytes(path).size(), bytes.size());
+
+    const QString plain = scratchFile(QStringLiteral("no-trailer"), QStringLiteral("x.loomwick"));
+    ASSERT_TRUE(open(plain)->appendBlockData(QByteArray("only")));
+    auto noTrailer = open(plain);
+    ASSERT_TRUE(noTrailer);
+    EXPECT_EQ(noTrailer->blockDataAtIndex(0), QByteArray("only"));
+    EXPECT_FALSE(noTrailer->filetrailerData());
 }
 
-TEST(KRFileStorageTest, IndexesOutsideTheBlocksAndAnEmptyTrailerGiveNothing)
-{
-    const QString path = containerPath(QStringLiteral("ranges"));
-    auto storage = open(path);
-    ASSERT_TRUE(storage);
-    EXPECT_FALSE(storage->filetrailerData());
-    ASSERT_TRUE(storage->appendBlockData(QByteArray("only")));
-    auto reopened = open(path);
-    ASSERT_TRUE(reopened);
-    EXPECT_FALSE(reopened->filetrailerData());
-    LogCapture log;
-    EXPECT_FALSE(reopened->blockDataAtIndex(1));
-    EXPECT_FALSE(reopened->blockDataAtIndex(-1));
-    EXPECT_TRUE(log.contains(QStringLiteral("Out of block range.")));
-}
-
-TEST(KRFileStorageTest, AnotherIdentifierOrBytesAfterItAreNotAContainer)
-{
-    const QByteArray good = fileBytes(writeContainer(QStringLiteral("identifier")));
-    QByteArray otherType = good;
-    otherType.replace("testFileStorage", "xestFileStorage");
-    const QByteArray cases[] = {otherType, good + 'x', QByteArray("tiny")};
-    for (const QByteArray& bytes : cases) {
-        const QString path = containerPath(QStringLiteral("identifier-case"));
-        ASSERT_TRUE(writeBytes(path, bytes));
-        LogCapture log;
-        EXPECT_FALSE(open(path));
-        EXPECT_TRUE(log.contains(QStringLiteral("Invalid file type, can't recognize.")));
-    }
-}
-
-TEST(KRFileStorageTest, SizesThatDoNotAddUpToTheFileAreRefusedWithoutWrapping)
+// Another identifier, bytes after it, or sizes that do not add up to the
+// file (checked without wrapping) are not a container.
+TEST(KRFileStorageTest, FilesThatAreNotWholeContainersAreRefused)
 {
     const QByteArray good = fileBytes(writeContainer(QStringLiteral("sizes")));
     const qsizetype sizeAt = good.size() - qsizetype(KRFileStorage::lengthOfFileStorageUTI()) - 8;
@@ -121,33 +95,37 @@ TEST(KRFileStorageTest, SizesThatDoNotAddUpToTheFileAreRefusedWithoutWrapping)
         qToLittleEndian<quint64>(size, bytes.data() + sizeAt);
         return bytes;
     };
-    const QByteArray cases[] = {
-        // One byte inside the data area: the sum is one short of the file.
-        good.left(5) + 'x' + good.mid(5),
-        withSize(~quint64(0)),
-        withSize(quint64(sizeAt) + 1),
-        withSize(3),
-        // A trailer entry that starts before the file.
-        withStructure(good, {KRFileBlockInfo(0, 11), KRFileBlockInfo(-8, 3020)}),
-        // A structure list with no entries at all.
-        withStructure(good, {}),
+    QByteArray otherType = good;
+    otherType.replace("testFileStorage", "xestFileStorage");
+    const QString invalid = QStringLiteral("Invalid file type, can't recognize.");
+    const QString destroyed = QStringLiteral("Destroy file, can't read.");
+    const std::pair<QByteArray, QString> cases[] = {
+        {otherType, invalid},
+        {good + 'x', invalid},
+        {QByteArray("tiny"), invalid},
+        {good.left(5) + 'x' + good.mid(5), destroyed},  // one byte more in the data area
+        {withSize(~quint64(0)), destroyed},
+        {withSize(quint64(sizeAt) + 1), destroyed},
+        {withSize(3), destroyed},
+        {withStructure(good, {KRFileBlockInfo(0, 11), KRFileBlockInfo(-8, 3020)}), destroyed},  // trailer before the file
+        {withStructure(good, {}), destroyed},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE(i);
-        const QString path = containerPath(QStringLiteral("sizes-case"));
-        ASSERT_TRUE(writeBytes(path, cases[i]));
+        const QString path = scratchFile(QStringLiteral("sizes-case"), QStringLiteral("x.loomwick"));
+        ASSERT_TRUE(writeBytes(path, cases[i].first));
         LogCapture log;
         EXPECT_FALSE(open(path));
-        EXPECT_TRUE(log.contains(QStringLiteral("Destroy file, can't read.")));
+        EXPECT_TRUE(log.contains(cases[i].second));
     }
 }
 
+// Trailer entry as written (offset 3012, length 8); blocks that overlap it,
+// run past it or have a negative length are not read.
 TEST(KRFileStorageTest, ABlockEntryPointingOutsideTheDataIsNotRead)
 {
     const QByteArray good = fileBytes(writeContainer(QStringLiteral("block-range")));
-    const QString path = containerPath(QStringLiteral("block-range-bad"));
-    // Trailer entry as written (offset 3012, length 8); blocks that overlap it,
-    // run past it or have a negative length.
+    const QString path = scratchFile(QStringLiteral("block-range-bad"), QStringLiteral("x.loomwick"));
     ASSERT_TRUE(writeBytes(path, withStructure(good, {KRFileBlockInfo(3000, 100), KRFileBlockInfo(5, -1),
                                                       KRFileBlockInfo(INT64_MAX, INT64_MAX), KRFileBlockInfo(3012, 8)})));
     auto storage = open(path);

@@ -1,49 +1,23 @@
 #include "projectfile/KRMediaProject.h"
 
-#include "projectfile/LegacyProjectParts.h"
-
 #include "codec/KRZlibCompression.h"
-#include "media/LogCapture.h"
-#include "media/VTDataProvider.h"
-#include "media/VTDataProviderMgr.h"
-#include "model/VTClip.h"
-#include "model/VTProject.h"
-#include "model/VTTrack.h"
-#include "projectfile/KRDataProvider.h"
 #include "projectfile/KRFileStorage.h"
 #include "projectfile/KRMediaTimeline.h"
+#include "projectfile/LegacyProjectParts.h"
+#include "projectfile/ProjectFileFixtures.h"
 #include "projectfile/VTProjectDocument.h"
-#include "support/TestEnvironment.h"
-#include "support/TestMedia.h"
-
-#include <QFile>
 
 #include <gtest/gtest.h>
 
 #include <random>
 
-using brindle::test::compressedArchive;
-using brindle::test::legacyClip;
-using brindle::test::legacyProviderBlock;
-using brindle::test::LogCapture;
+using namespace brindle::test;
 
 namespace {
 
-// A decoded provider that is not registered, as the media of an old project.
-std::shared_ptr<VTDataProvider> unregisteredTone(int64_t milliseconds, uint32_t seed)
-{
-    brindle::test::ToneSpec spec;
-    spec.sampleRate = 8000;
-    spec.frames = milliseconds * 8;
-    spec.seed = seed;
-    auto provider = VTDataProvider::initWithURL(QUrl::fromLocalFile(brindle::test::TestMedia::shared().wav(1, spec)));
-    EXPECT_TRUE(provider && provider->startParserWithBlock({}));
-    return provider;
-}
-
 QString writeLegacyProject(const QString& name, const std::vector<QByteArray>& blocks, const QByteArray& trailer)
 {
-    const QString path = brindle::test::TestEnvironment::current().makeScratchDirectory(name) + QStringLiteral("/Old Song.loomwick");
+    const QString path = scratchFile(name, QStringLiteral("Old Song.loomwick"));
     auto storage = KRFileStorage::initWithURL(QUrl::fromLocalFile(path));
     EXPECT_TRUE(storage);
     for (const QByteArray& block : blocks) {
@@ -62,11 +36,14 @@ int64_t registeredCount(const QString& identifier)
 
 }  // namespace
 
+// Providers are registered, clips converted field by field (the volume from
+// a percentage), a clip of missing media left out, and progress reported
+// per block.
 TEST(KRMediaProjectTest, ALegacyProjectIsConvertedWithItsProvidersAndReportsProgressPerBlock)
 {
-    const auto a = unregisteredTone(3000, 11);
-    const auto b = unregisteredTone(4000, 12);
-    const auto c = unregisteredTone(5000, 13);
+    const auto a = decodedTone(3000, 11, false);
+    const auto b = decodedTone(4000, 12, false);
+    const auto c = decodedTone(5000, 13, false);
     ASSERT_TRUE(a && b && c);
     ASSERT_EQ(registeredCount(a->identifier()), 0);
 
@@ -85,7 +62,6 @@ TEST(KRMediaProjectTest, ALegacyProjectIsConvertedWithItsProvidersAndReportsProg
     const QString path = writeLegacyProject(QStringLiteral("legacy"),
                                             {legacyProviderBlock(*a), legacyProviderBlock(*b), legacyProviderBlock(*c)},
                                             compressedArchive(timeline));
-
     std::vector<double> progress;
     const auto project = KRMediaProject::projectFromMediaProjectWithURL(
         QUrl::fromLocalFile(path), [&](double percent) { progress.push_back(percent); });
@@ -114,71 +90,55 @@ TEST(KRMediaProjectTest, ALegacyProjectIsConvertedWithItsProvidersAndReportsProg
     const auto registered = VTDataProviderMgr::shareDataProviderMgr().dataProviderWithIdentifier(b->identifier());
     ASSERT_TRUE(registered);
     EXPECT_EQ(registered->readSampleOfCount(500, 100), b->readSampleOfCount(500, 100));
-}
 
-TEST(KRMediaProjectTest, AnEmptyTrailerGivesAnEmptyProjectButRegistersTheProviders)
-{
-    const auto a = unregisteredTone(2000, 21);
-    const QString path = writeLegacyProject(QStringLiteral("no-trailer"), {legacyProviderBlock(*a)}, {});
-    std::vector<double> progress;
-    const auto project = KRMediaProject::projectFromMediaProjectWithURL(
-        QUrl::fromLocalFile(path), [&](double percent) { progress.push_back(percent); });
-    ASSERT_TRUE(project);
-    EXPECT_EQ(project->numberOfTracks(), 0);
+    // Without a trailer the project is empty, but its providers are registered.
+    const auto d = decodedTone(2000, 21, false);
+    const QString bare = writeLegacyProject(QStringLiteral("no-trailer"), {legacyProviderBlock(*d)}, {});
+    progress.clear();
+    const auto empty = KRMediaProject::projectFromMediaProjectWithURL(
+        QUrl::fromLocalFile(bare), [&](double percent) { progress.push_back(percent); });
+    ASSERT_TRUE(empty);
+    EXPECT_EQ(empty->numberOfTracks(), 0);
     EXPECT_EQ(progress, (std::vector<double>{0.0, 100.0}));
-    EXPECT_EQ(registeredCount(a->identifier()), 1);
+    EXPECT_EQ(registeredCount(d->identifier()), 1);
 }
 
-TEST(KRMediaProjectTest, TheDocumentOpenerReadsLegacyFilesAndRefusesDamagedOnes)
+// The document opener reads a legacy file under its own URL and title, and
+// refuses one whose blocks or trailer do not decode; random damage anywhere
+// in either generation of document never crashes it.
+TEST(KRMediaProjectTest, TheDocumentOpenerReadsLegacyFilesAndRefusesDamagedOnesWithoutCrashing)
 {
-    const auto a = unregisteredTone(2000, 31);
+    const auto a = decodedTone(2000, 31, false);
     KRMediaTimeline timeline;
-    auto track = std::make_shared<KRMediaTrack>();
-    track->clips = {legacyClip(a->identifier(), 0, 2000, 100)};
-    timeline.tracks = {track};
+    timeline.tracks = {std::make_shared<KRMediaTrack>()};
+    timeline.tracks[0]->clips = {legacyClip(a->identifier(), 0, 2000, 80)};
     const QByteArray block = legacyProviderBlock(*a);
-    const QString good = writeLegacyProject(QStringLiteral("open-good"), {block}, compressedArchive(timeline));
+    const QByteArray trailer = compressedArchive(timeline);
+    const QString good = writeLegacyProject(QStringLiteral("open-good"), {block}, trailer);
     const auto opened = VTProjectDocument::openProjectWithURL(QUrl::fromLocalFile(good), {});
     ASSERT_EQ(opened.errorCode, 0);
     ASSERT_EQ(opened.projects.size(), 1u);
     EXPECT_EQ(opened.projects.front()->url(), QUrl::fromLocalFile(good));
     EXPECT_EQ(opened.projects.front()->title(), QStringLiteral("Old Song"));
 
-    const QByteArray notInflatable("this is not a zlib stream");
-    const QByteArray notATimeline = compressedArchive(*track);
     const std::pair<std::vector<QByteArray>, QByteArray> damaged[] = {
-        {{notInflatable}, compressedArchive(timeline)},
-        {{block, KRZlibCompression::zlibCompressionCompress("not an archive")}, compressedArchive(timeline)},
-        {{block}, notATimeline},
+        {{QByteArray("this is not a zlib stream")}, trailer},
+        {{block, KRZlibCompression::zlibCompressionCompress("not an archive")}, trailer},
+        {{block}, compressedArchive(KRMediaTrack())},
     };
-    for (const auto& [blocks, trailer] : damaged) {
-        const QString path = writeLegacyProject(QStringLiteral("open-damaged"), blocks, trailer);
+    for (const auto& [blocks, damagedTrailer] : damaged) {
+        const QString path = writeLegacyProject(QStringLiteral("open-damaged"), blocks, damagedTrailer);
         LogCapture log;
         const auto result = VTProjectDocument::openProjectWithURL(QUrl::fromLocalFile(path), {});
         EXPECT_EQ(result.errorCode, 1);
         EXPECT_TRUE(result.projects.empty());
         EXPECT_TRUE(log.contains(QStringLiteral("Unknown project document type.")));
     }
-}
 
-TEST(KRMediaProjectTest, DamagedBytesAnywhereInEitherGenerationNeverCrashTheOpener)
-{
-    const auto a = unregisteredTone(1000, 61);
-    KRMediaTimeline timeline;
-    auto track = std::make_shared<KRMediaTrack>();
-    track->clips = {legacyClip(a->identifier(), 0, 1000, 80)};
-    timeline.tracks = {track};
-    const QString legacyPath = writeLegacyProject(QStringLiteral("fuzz"), {legacyProviderBlock(*a)}, compressedArchive(timeline));
-    QFile legacyFile(legacyPath);
-    ASSERT_TRUE(legacyFile.open(QIODevice::ReadOnly));
-    const QByteArray legacy = legacyFile.readAll();
-    legacyFile.close();
-    const auto project = KRMediaProject::projectFromMediaTimeline(&timeline);
-    const QByteArray current = VTProjectDocument::dataWithProject(*project);
-
+    const QByteArray legacy = fileBytes(good);
+    const QByteArray current = VTProjectDocument::dataWithProject(*KRMediaProject::projectFromMediaTimeline(&timeline));
     std::mt19937 random(1234);
-    const QString path = brindle::test::TestEnvironment::current().makeScratchDirectory(QStringLiteral("fuzz-case"))
-                         + QStringLiteral("/x.loomwick");
+    const QString path = scratchFile(QStringLiteral("fuzz-case"), QStringLiteral("x.loomwick"));
     for (int round = 0; round < 200; ++round) {
         QByteArray bytes = round % 2 ? legacy : current;
         if (round % 5 == 0) {
@@ -187,14 +147,11 @@ TEST(KRMediaProjectTest, DamagedBytesAnywhereInEitherGenerationNeverCrashTheOpen
             for (uint32_t n = 1 + random() % 4; n > 0; --n)
                 bytes[qsizetype(random() % uint32_t(bytes.size()))] = char(random());
         }
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(bytes);
-        file.close();
-        const auto opened = VTProjectDocument::openProjectWithURL(QUrl::fromLocalFile(path), {});
-        EXPECT_TRUE(opened.errorCode == 0 || opened.errorCode == 1) << round;
-        if (opened.errorCode == 1) {
-            EXPECT_TRUE(opened.projects.empty()) << round;
+        ASSERT_TRUE(writeBytes(path, bytes));
+        const auto result = VTProjectDocument::openProjectWithURL(QUrl::fromLocalFile(path), {});
+        EXPECT_TRUE(result.errorCode == 0 || result.errorCode == 1) << round;
+        if (result.errorCode == 1) {
+            EXPECT_TRUE(result.projects.empty()) << round;
         }
     }
 }
