@@ -21,8 +21,9 @@ namespace {
 constexpr int64_t kGenerousTimeout = 20000;
 }  // namespace
 
-TEST(SerialQueueTest, RunsWorkOneAtATimeInSubmissionOrderAndSyncRunsOnTheWorkerAfterIt)
+TEST(SerialQueueTest, RunsWorkOneAtATimeInOrderAndSyncRunsOnTheWorkerAfterItOrInlineFromItsOwnWork)
 {
+    test::LogCapture capture;
     SerialQueue queue(QStringLiteral("order"));
     std::vector<int> order;
     std::atomic<int> running {0};
@@ -50,19 +51,16 @@ TEST(SerialQueueTest, RunsWorkOneAtATimeInSubmissionOrderAndSyncRunsOnTheWorkerA
     for (int i = 0; i < 500; ++i)
         EXPECT_EQ(order[static_cast<size_t>(i)], i);
     EXPECT_FALSE(overlapped);
-}
+    EXPECT_TRUE(capture.lines().isEmpty());
 
-TEST(SerialQueueTest, SyncFromItsOwnWorkRunsInlineInsteadOfDeadlocking)
-{
-    test::LogCapture capture;
-    SerialQueue queue(QStringLiteral("reentrant"));
+    // Waiting for itself would deadlock: the inner work runs at once, with a log line.
     bool innerRan = false;
     queue.sync([&] { queue.sync([&] { innerRan = true; }); });
     EXPECT_TRUE(innerRan);
-    EXPECT_FALSE(capture.lines().isEmpty());
+    EXPECT_EQ(capture.lines().size(), 1);
 }
 
-TEST(SerialQueueTest, DestructionRunsEverythingSubmittedBeforeOrDuringTheDrain)
+TEST(SerialQueueTest, DestructionRunsEverythingSubmittedBeforeOrDuringTheDrainAlsoFromItsOwnWork)
 {
     std::atomic<int> ran {0};
     {
@@ -76,10 +74,7 @@ TEST(SerialQueueTest, DestructionRunsEverythingSubmittedBeforeOrDuringTheDrain)
             queue.async([&] { ++ran; });
     }
     EXPECT_EQ(ran.load(), 102);
-}
 
-TEST(SerialQueueTest, DestructionFromItsOwnWorkFinishesSafely)
-{
     test::LogCapture capture;
     auto queue = std::make_unique<SerialQueue>(QStringLiteral("self-destroy"));
     std::atomic<bool> later {false};
@@ -132,7 +127,7 @@ TEST(MainQueueTest, DeliversInOrderPerSubmitterFromSeveralThreads)
     }
 }
 
-TEST(MainQueueTest, SyncRunsInlineOnTheMainThreadAndFromOtherOrPoolThreadsWaitsForTheMainThread)
+TEST(MainQueueTest, SyncWaitsForTheMainThreadAndRunUntilStopsAtItsLimitUnlessItIsTheLargest)
 {
     bool ranInline = false;
     mainQueue().sync([&] { ranInline = true; });
@@ -148,14 +143,10 @@ TEST(MainQueueTest, SyncRunsInlineOnTheMainThreadAndFromOtherOrPoolThreadsWaitsF
     globalQueue().async(callSync);
     EXPECT_TRUE(runMainQueueUntil([&] { return ranOnMain == 2; }, kGenerousTimeout));
     caller.join();
-}
 
-TEST(MainQueueTest, RunUntilAnswersFalseWhenTimeRunsOutAndTheLargestLimitMeansNone)
-{
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(runMainQueueUntil([] { return false; }, 50));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
-
     std::atomic<bool> done {false};
     std::thread worker([&] {
         std::this_thread::sleep_for(30ms);
@@ -165,58 +156,41 @@ TEST(MainQueueTest, RunUntilAnswersFalseWhenTimeRunsOutAndTheLargestLimitMeansNo
     worker.join();
 }
 
-TEST(GlobalQueueTest, RunsWorkOffTheMainThreadAndSyncFromAPoolThreadRunsInline)
+TEST(GlobalQueueTest, RunsWorkOffTheMainThreadAndReplacesWorkersThatBlockWhileWorkWaits)
 {
     std::atomic<bool> offMain {false};
     std::atomic<bool> innerOnSameThread {false};
-    DispatchGroup group;
-    group.async(globalQueue(), [&] {
+    DispatchGroup first;
+    first.async(globalQueue(), [&] {
         offMain = !isMainThread();
         const auto outer = std::this_thread::get_id();
         globalQueue().sync([&] { innerOnSameThread = std::this_thread::get_id() == outer; });
     });
-    ASSERT_TRUE(group.waitFor(kGenerousTimeout));
+    ASSERT_TRUE(first.waitFor(kGenerousTimeout));
     EXPECT_TRUE(offMain);
     EXPECT_TRUE(innerOnSameThread);
-}
 
-TEST(GlobalQueueTest, PoolWorkWaitingForMorePoolWorkDoesNotStarveThePool)
-{
-    // More waiting outer items than there are cores: each waits on a group
-    // whose work is queued behind it on the same pool.
-    const int outerCount = static_cast<int>(std::max(2u, std::thread::hardware_concurrency())) * 3;
-    std::atomic<int> innerDone {0};
-    DispatchGroup outer;
-    for (int i = 0; i < outerCount; ++i) {
-        outer.async(globalQueue(), [&] {
-            DispatchGroup inner;
-            for (int j = 0; j < 4; ++j)
-                inner.async(globalQueue(), [&] { ++innerDone; });
-            inner.wait();
+    // As many waiters as the pool runs at once, and behind them the work they
+    // wait for. The waiters block only once everything is queued, so only a
+    // worker started when they block can run that work.
+    const int waiters = static_cast<int>(std::max(2u, std::thread::hardware_concurrency()));
+    std::atomic<bool> allQueued {false};
+    DispatchGroup released;
+    released.enter();
+    DispatchGroup waiting;
+    for (int i = 0; i < waiters; ++i) {
+        waiting.async(globalQueue(), [&] {
+            while (!allQueued)
+                std::this_thread::yield();
+            released.wait();
         });
     }
-    ASSERT_TRUE(outer.waitFor(kGenerousTimeout));
-    EXPECT_EQ(innerDone.load(), outerCount * 4);
+    globalQueue().async([&] { released.leave(); });
+    allQueued = true;
+    ASSERT_TRUE(waiting.waitFor(kGenerousTimeout));
 }
 
-TEST(DispatchGroupTest, WaitCoversWorkSubmittedFromSeveralThreads)
-{
-    DispatchGroup group;
-    std::atomic<int> count {0};
-    std::vector<std::thread> submitters;
-    for (int t = 0; t < 4; ++t) {
-        submitters.emplace_back([&] {
-            for (int i = 0; i < 100; ++i)
-                group.async(globalQueue(), [&] { ++count; });
-        });
-    }
-    for (auto& thread : submitters)
-        thread.join();
-    group.wait();
-    EXPECT_EQ(count.load(), 400);
-}
-
-TEST(DispatchGroupTest, WaitForTimesOutUntilEveryEnterIsLeftAndAnUnbalancedLeaveIsLoggedAndIgnored)
+TEST(DispatchGroupTest, WaitCoversEveryEnterAndWorkFromSeveralThreadsAndAnUnbalancedLeaveIsLoggedAndIgnored)
 {
     test::LogCapture capture;
     DispatchGroup group;
@@ -233,9 +207,22 @@ TEST(DispatchGroupTest, WaitForTimesOutUntilEveryEnterIsLeftAndAnUnbalancedLeave
     leaver.join();
     EXPECT_TRUE(group.waitFor(0));
     EXPECT_EQ(capture.lines().size(), 1);
+
+    std::atomic<int> count {0};
+    std::vector<std::thread> submitters;
+    for (int t = 0; t < 4; ++t) {
+        submitters.emplace_back([&] {
+            for (int i = 0; i < 100; ++i)
+                group.async(globalQueue(), [&] { ++count; });
+        });
+    }
+    for (auto& thread : submitters)
+        thread.join();
+    group.wait();
+    EXPECT_EQ(count.load(), 400);
 }
 
-TEST(DispatchGroupTest, NotifyRunsOnceAfterAllWorkAndOnTheGivenQueue)
+TEST(DispatchGroupTest, NotifyRunsOnceOnTheGivenQueueAfterAllWorkOrAtOnceForAnEmptyGroup)
 {
     DispatchGroup group;
     SerialQueue target(QStringLiteral("notify-target"));
@@ -259,15 +246,11 @@ TEST(DispatchGroupTest, NotifyRunsOnceAfterAllWorkAndOnTheGivenQueue)
     EXPECT_EQ(notifications.load(), 1);
     EXPECT_EQ(seenAtNotify.load(), 50);
     EXPECT_TRUE(onTarget);
-}
 
-TEST(DispatchGroupTest, NotifyOnAnEmptyGroupRunsAtOnceAndMainQueueWorkCounts)
-{
-    DispatchGroup group;
+    // Empty again: a notification runs at once; main queue work counts too.
     bool immediate = false;
     group.notify(mainQueue(), [&] { immediate = true; });
     ASSERT_TRUE(runMainQueueUntil([&] { return immediate; }, kGenerousTimeout));
-
     int onMain = 0;
     bool notified = false;
     for (int i = 0; i < 10; ++i)

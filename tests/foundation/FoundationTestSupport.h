@@ -1,57 +1,36 @@
-// Helpers shared by the foundation tests: captured log lines, the archives in
-// fixtures/, keyed archives built by hand, custom classes for object graphs,
-// and a one-line rendering of decoded values.
+// Helpers shared by the foundation tests: the archives in fixtures/, keyed
+// archives built by hand, custom classes for object graphs, and a one-line
+// rendering of decoded values.
 #pragma once
 
 #include "foundation/BplistWriter.h"
 #include "foundation/KeyedCoding.h"
 #include "foundation/KeyedStandard.h"
-#include "foundation/Log.h"
+#include "media/LogCapture.h"
 
 #include <QFile>
 #include <QHash>
 #include <QLocale>
-#include <QStringList>
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
 
 namespace brindle::test {
 
-// Collects the log lines written while it exists, instead of standard error.
-class LogCapture {
-public:
-    LogCapture()
-    {
-        m_previous = setLogSink([this](const QString& line) {
-            std::lock_guard lock(m_mutex);
-            m_lines << line;
-        });
-    }
-    ~LogCapture() { setLogSink(m_previous); }
-    QStringList lines() const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_lines;
-    }
-    // How many lines contain the text.
-    qsizetype count(const QString& text) const { return lines().filter(text).size(); }
-
-private:
-    mutable std::mutex m_mutex;
-    QStringList m_lines;
-    LogSink m_previous;
-};
-
 // An archive of fixtures/ (see its README.md).
 inline QByteArray fixture(const QString& name)
 {
     QFile file(QStringLiteral(BRINDLE_TESTS_DIR "/foundation/fixtures/") + name);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// How many captured log lines contain the text.
+inline qsizetype linesContaining(const LogCapture& log, const QString& text)
+{
+    return log.lines().filter(text).size();
 }
 
 // Builds keyed archives by hand, including ones our archiver never writes.
@@ -79,8 +58,7 @@ struct HandArchive {
     // A dictionary; `into` fills a reserved reference instead of adding one.
     Ref dict(const Fields& fields, std::optional<Ref> into = std::nullopt)
     {
-        std::vector<Ref> keys;
-        std::vector<Ref> values;
+        std::vector<Ref> keys, values;
         for (const auto& [key, value] : fields) {
             keys.push_back(s(key));
             values.push_back(value);
@@ -326,6 +304,10 @@ private:
             const QString text = shortest(number->doubleValue());
             return text.contains(u'.') || text.contains(u'e') || text.contains(u'n') ? text : text + QStringLiteral(".0");
         }
+        if (auto uuid = dynamic_cast<const KeyedUUID*>(object))
+            return QStringLiteral("uuid(%1)").arg(uuid->uuid().toString(QUuid::WithoutBraces));
+        if (auto date = dynamic_cast<const KeyedDate*>(object))
+            return QStringLiteral("date(%1)").arg(date->timeIntervalSinceReferenceDate(), 0, 'g', 17);
         QStringList parts;
         for (const KeyedCoding* child : children(object))
             parts << render(child);
@@ -335,10 +317,6 @@ private:
         }
         if (auto url = dynamic_cast<const KeyedURL*>(object))
             return QStringLiteral("url(%1%2)").arg(url->relativeString(), url->baseURL() ? " | " + parts[0] : QString());
-        if (auto uuid = dynamic_cast<const KeyedUUID*>(object))
-            return QStringLiteral("uuid(%1)").arg(uuid->uuid().toString(QUuid::WithoutBraces));
-        if (auto date = dynamic_cast<const KeyedDate*>(object))
-            return QStringLiteral("date(%1)").arg(date->timeIntervalSinceReferenceDate(), 0, 'g', 17);
         QStringList pairs;
         if (auto dictionary = dynamic_cast<const KeyedDictionary*>(object)) {
             for (qsizetype i = 0; i + 1 < parts.size(); i += 2)

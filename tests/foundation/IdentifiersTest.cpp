@@ -11,13 +11,6 @@
 
 using namespace brindle;
 
-namespace {
-int64_t utcMilliseconds(int year, int month, int day, int hour, int minute, int second)
-{
-    return QDateTime(QDate(year, month, day), QTime(hour, minute, second), QTimeZone::utc()).toMSecsSinceEpoch();
-}
-}  // namespace
-
 TEST(IdentifiersTest, UUIDsAreUpperCaseCanonicalAndUnique)
 {
     const QRegularExpression canonical(
@@ -33,28 +26,22 @@ TEST(IdentifiersTest, UUIDsAreUpperCaseCanonicalAndUnique)
     EXPECT_EQ(seen.size(), 1000);
 }
 
-TEST(IdentifiersTest, UnicodePatternsUseTheTwelveHourClockAndZoneNames)
+TEST(IdentifiersTest, DatesFollowTheirPatternAndZoneAndBadPatternsOrZonesGiveEmptyText)
 {
-    const QString pattern = QStringLiteral("yyyy-MM-dd hh-mm-ss zzz");
-    EXPECT_EQ(formatDateWithPattern(pattern, utcMilliseconds(2021, 3, 4, 14, 5, 9), QStringLiteral("UTC")),
+    auto utc = [](int month, int day, int hour, int minute, int second) {
+        return QDateTime(QDate(2021, month, day), QTime(hour, minute, second), QTimeZone::utc()).toMSecsSinceEpoch();
+    };
+    // "hh" is the twelve-hour clock, "zzz" the zone's name; the zone changes the wall-clock time too.
+    EXPECT_EQ(formatDateWithPattern(QStringLiteral("yyyy-MM-dd hh-mm-ss zzz"), utc(3, 4, 14, 5, 9), QStringLiteral("UTC")),
               QStringLiteral("2021-03-04 02-05-09 UTC"));
-    EXPECT_EQ(formatDateWithPattern(QStringLiteral("hh HH"), utcMilliseconds(2021, 3, 4, 0, 30, 0), QStringLiteral("UTC")),
+    EXPECT_EQ(formatDateWithPattern(QStringLiteral("hh HH"), utc(3, 4, 0, 30, 0), QStringLiteral("UTC")),
               QStringLiteral("12 00"));
-    // The zone changes the wall-clock time, not just its name.
-    EXPECT_EQ(formatDateWithPattern(QStringLiteral("HH:mm"), utcMilliseconds(2021, 7, 1, 12, 0, 0),
-                                    QStringLiteral("Europe/Berlin")),
+    EXPECT_EQ(formatDateWithPattern(QStringLiteral("HH:mm"), utc(7, 1, 12, 0, 0), QStringLiteral("Europe/Berlin")),
               QStringLiteral("14:00"));
-}
-
-TEST(IdentifiersTest, BadPatternsAndZonesGiveEmptyText)
-{
     EXPECT_TRUE(formatDateWithPattern(QStringLiteral("yyyy"), 0, QStringLiteral("Not/AZone")).isEmpty());
     EXPECT_TRUE(formatDateWithPattern(QStringLiteral("yyyy j"), 0, QStringLiteral("UTC")).isEmpty());
     EXPECT_TRUE(formatCurrentDateWithStrftime(nullptr).isEmpty());
-}
 
-TEST(IdentifiersTest, CurrentDateTextsShowTheCurrentYear)
-{
     const QString year = QString::number(QDate::currentDate().year());
     EXPECT_EQ(formatCurrentDateWithPattern(QStringLiteral("yyyy")), year);
     EXPECT_EQ(formatCurrentDateWithStrftime("%Y"), year);

@@ -1,11 +1,13 @@
 // Everything the keyed archiver writes comes back unchanged from the
-// unarchiver: scalars, the standard value classes, and custom class graphs
-// with shared objects and cycles.
+// unarchiver (scalars, the standard value classes, custom class graphs with
+// shared objects and cycles), in the property list layout Foundation expects,
+// by CoreFoundation's reader rules, and readable by libplist.
 #include "FoundationTestSupport.h"
 
 #include <QUuid>
 
 #include <gtest/gtest.h>
+#include <plist/plist.h>
 
 #include <cmath>
 #include <cstring>
@@ -14,11 +16,129 @@
 using namespace brindle;
 using namespace brindle::test;
 
+namespace {
+
+// ---- libplist views of the output
+
+struct PlistFree {
+    void operator()(plist_t node) const { plist_free(node); }
+};
+using Plist = std::unique_ptr<void, PlistFree>;
+
+Plist parseWithLibplist(const QByteArray& bytes)
+{
+    plist_t root = nullptr;
+    plist_from_bin(bytes.constData(), static_cast<uint32_t>(bytes.size()), &root);
+    return Plist(root);
+}
+
+QString stringOf(plist_t node)
+{
+    uint64_t length = 0;
+    const char* text = node && plist_get_node_type(node) == PLIST_STRING ? plist_get_string_ptr(node, &length) : nullptr;
+    return text ? QString::fromUtf8(text, static_cast<qsizetype>(length)) : QStringLiteral("<not a string>");
+}
+
+uint64_t uidOf(plist_t node)
+{
+    uint64_t value = UINT64_MAX;
+    if (node && plist_get_node_type(node) == PLIST_UID)
+        plist_get_uid_val(node, &value);
+    return value;
+}
+
+// ---- CoreFoundation's reader rules, checked independently of our reader
+
+uint64_t bigEndian(const QByteArray& bytes, uint64_t at, unsigned width)
+{
+    uint64_t value = 0;
+    for (unsigned i = 0; i < width; ++i)
+        value = (value << 8) | static_cast<unsigned char>(bytes[static_cast<qsizetype>(at + i)]);
+    return value;
+}
+
+unsigned smallestWidthAbove(uint64_t limit)
+{
+    for (unsigned width : {1u, 2u, 4u})
+        if (limit < (uint64_t{1} << (8 * width)))
+            return width;
+    return 8;
+}
+
+// The trailer and offset table describe the file exactly, with the smallest
+// widths; offsets and references stay in range, integers take their smallest
+// width, dictionary keys are strings and no string is UTF-8.
+testing::AssertionResult satisfiesCoreFoundationReader(const QByteArray& bytes)
+{
+    const uint64_t size = static_cast<uint64_t>(bytes.size());
+    if (size < 42 || !bytes.startsWith("bplist00"))
+        return testing::AssertionFailure() << "no header or too short";
+    const uint64_t trailer = size - 32;
+    const unsigned offsetSize = static_cast<unsigned char>(bytes[static_cast<qsizetype>(trailer + 6)]);
+    const unsigned refSize = static_cast<unsigned char>(bytes[static_cast<qsizetype>(trailer + 7)]);
+    const uint64_t count = bigEndian(bytes, trailer + 8, 8);
+    const uint64_t top = bigEndian(bytes, trailer + 16, 8);
+    const uint64_t tableOffset = bigEndian(bytes, trailer + 24, 8);
+    if (top != 0 || count < 1 || tableOffset < 9 || size != tableOffset + count * offsetSize + 32)
+        return testing::AssertionFailure() << "top " << top << ", count " << count << ", table at " << tableOffset;
+    if (refSize != smallestWidthAbove(count) || offsetSize != smallestWidthAbove(tableOffset))
+        return testing::AssertionFailure() << "widths " << refSize << "/" << offsetSize << " are not the smallest";
+
+    auto offsetOf = [&](uint64_t ref) { return bigEndian(bytes, tableOffset + ref * offsetSize, offsetSize); };
+    auto markerAt = [&](uint64_t offset) { return static_cast<uint8_t>(bytes[static_cast<qsizetype>(offset)]); };
+    for (uint64_t ref = 0; ref < count; ++ref) {
+        const uint64_t offset = offsetOf(ref);
+        if (offset < 8 || offset >= tableOffset)
+            return testing::AssertionFailure() << "offset of object " << ref << " out of the object table";
+        const uint8_t marker = markerAt(offset);
+        const uint8_t type = marker >> 4;
+        if (type == 0x1) {
+            const unsigned width = 1u << (marker & 0xF);
+            const uint64_t value = bigEndian(bytes, offset + 1, std::min(width, 8u));
+            const bool negative = width == 8 && (value >> 63) != 0;
+            const unsigned minimal = negative ? 8 : (value <= 0xFF ? 1 : value <= 0xFFFF ? 2 : value <= 0xFFFFFFFF ? 4 : 8);
+            if (width < 16 && width != minimal)
+                return testing::AssertionFailure() << "integer " << value << " uses " << width << " bytes";
+        }
+        if (type == 0x7)
+            return testing::AssertionFailure() << "a UTF-8 string marker";
+        if (type != 0xA && type != 0xD)
+            continue;
+        uint64_t elements = marker & 0xF;
+        uint64_t at = offset + 1;
+        if (elements == 0xF) {
+            const unsigned width = 1u << (markerAt(at) & 0xF);
+            elements = bigEndian(bytes, at + 1, width);
+            at += 1 + width;
+        }
+        for (uint64_t i = 0; i < (type == 0xD ? 2 : 1) * elements; ++i) {
+            const uint64_t child = bigEndian(bytes, at + i * refSize, refSize);
+            if (child >= count)
+                return testing::AssertionFailure() << "reference " << child << " out of range";
+            const uint8_t childType = markerAt(offsetOf(child)) >> 4;
+            if (type == 0xD && i < elements && childType != 0x5 && childType != 0x6)
+                return testing::AssertionFailure() << "a dictionary key is not a string";
+        }
+    }
+    return testing::AssertionSuccess();
+}
+
+QByteArray bytesOf(std::initializer_list<int> values)
+{
+    QByteArray bytes;
+    for (int value : values)
+        bytes.append(static_cast<char>(value));
+    return bytes;
+}
+
+}  // namespace
+
 TEST(KeyedArchiverTest, scalarsOfEveryKindAndWidthComeBackUnchanged)
 {
-    const std::vector<int64_t> integers = {0, 1, -1, 127, 128, 255, 256, 65535, 65536, 4294967295LL, 4294967296LL,
-                                           std::numeric_limits<int64_t>::max(), std::numeric_limits<int64_t>::min()};
-    const std::vector<float> floats = {0.0f, -0.0f, 1.5f, 0.1f, std::numeric_limits<float>::max(),
+    const std::vector<int64_t> integers = {0, 1, -1, 127, 128, 255, 256, 65535, 65536, 100000, 4294967295LL,
+                                           4294967296LL, std::numeric_limits<int64_t>::max(),
+                                           std::numeric_limits<int64_t>::min()};
+    const std::vector<float> floats = {0.0f, -0.0f, 2.0f, 0.1f, std::numeric_limits<float>::max(),
                                        std::numeric_limits<float>::denorm_min(), std::numeric_limits<float>::infinity()};
     const std::vector<double> doubles = {2.0, 0.1, 1.0 / 3.0, 1e300, -1e-300, std::numeric_limits<double>::denorm_min(),
                                          -std::numeric_limits<double>::infinity()};
@@ -40,8 +160,15 @@ TEST(KeyedArchiverTest, scalarsOfEveryKindAndWidthComeBackUnchanged)
     archiver.encodeBool(false, QStringLiteral("no"));
     archiver.encodeBytes(block, QStringLiteral("block"));
     archiver.encodeBytes(QByteArray(), QStringLiteral("empty"));
+    const QByteArray archive = archiver.finishEncoding();
+    // Doubles are 8-byte reals and floats 4-byte reals whatever their value;
+    // integers take the smallest width, big-endian.
+    EXPECT_TRUE(archive.contains(bytesOf({0x23, 0x40, 0, 0, 0, 0, 0, 0, 0})));
+    EXPECT_TRUE(archive.contains(bytesOf({0x22, 0x40, 0, 0, 0})));
+    EXPECT_TRUE(archive.contains(bytesOf({0x12, 0x00, 0x01, 0x86, 0xA0})));
+    EXPECT_TRUE(satisfiesCoreFoundationReader(archive));
 
-    KeyedUnarchiver coder(archiver.finishEncoding());
+    KeyedUnarchiver coder(archive);
     ASSERT_TRUE(coder.isValid());
     for (size_t i = 0; i < integers.size(); ++i)
         EXPECT_EQ(coder.decodeInt64ForKey(QStringLiteral("i%1").arg(i)), integers[i]);
@@ -64,7 +191,7 @@ TEST(KeyedArchiverTest, scalarsOfEveryKindAndWidthComeBackUnchanged)
     EXPECT_FALSE(coder.hasDecodingError());
 }
 
-TEST(KeyedArchiverTest, standardValueClassesRoundTripWithTheirFoundationClass)
+TEST(KeyedArchiverTest, standardValueClassesRoundTripWithTheirFoundationClassByCoreFoundationsRules)
 {
     auto str = [](const QString& text, bool mutableString = false) {
         return std::make_shared<KeyedString>(text, mutableString);
@@ -97,7 +224,9 @@ TEST(KeyedArchiverTest, standardValueClassesRoundTripWithTheirFoundationClass)
                                     QStringLiteral("array %1").arg(flavor));
     }
 
-    KeyedUnarchiver coder(KeyedArchiver::archivedDataWithRootObject(dictionary));
+    const QByteArray archive = KeyedArchiver::archivedDataWithRootObject(dictionary);
+    EXPECT_TRUE(satisfiesCoreFoundationReader(archive));
+    KeyedUnarchiver coder(archive);
     auto decoded = coder.decodeObjectOfClass<KeyedDictionary>(QStringLiteral("root"));
     ASSERT_TRUE(decoded);
     EXPECT_FALSE(coder.hasDecodingError());
@@ -121,13 +250,12 @@ TEST(KeyedArchiverTest, standardValueClassesRoundTripWithTheirFoundationClass)
     EXPECT_EQ(describe(topCoder.decodeObjectForKey(QStringLiteral("n"))), "7");
 }
 
-TEST(KeyedArchiverTest, customGraphRoundTripsWithSharedObjectsStayingSharedAndCyclesReadAsNil)
+TEST(KeyedArchiverTest, customGraphRoundTripsInBinaryAndXmlFormWithSharedObjectsStayingSharedAndCyclesReadAsNil)
 {
     auto project = TestNode::named(QStringLiteral("Session \u00E9t\u00E9"));
     project->url = QUrl::fromLocalFile(QStringLiteral("/home/someone/Music/session one.loomwick"));
     for (int t = 0; t < 3; ++t) {
         auto track = TestNode::named(QStringLiteral("Track %1").arg(t));
-        track->number = t;
         for (int c = 0; c < 4; ++c) {
             auto clip = TestNode::named(QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper());
             clip->number = c == 0 ? std::numeric_limits<int64_t>::min() : c == 3 ? std::numeric_limits<int64_t>::max() : c;
@@ -147,29 +275,35 @@ TEST(KeyedArchiverTest, customGraphRoundTripsWithSharedObjectsStayingSharedAndCy
     clips.push_back(clips[0]);
     clips.push_back(std::make_shared<TestNode>(*clips[0]));
 
-    KeyedUnarchiver coder(KeyedArchiver::archivedDataWithRootObject(project));
+    // The binary archive, and the XML form libplist makes of it.
+    const QByteArray binary = KeyedArchiver::archivedDataWithRootObject(project);
     project->children[0]->link.reset();
-    auto decoded = coder.decodeObjectOfClass<TestNode>(QStringLiteral("root"));
-    ASSERT_TRUE(decoded);
-    EXPECT_FALSE(coder.hasDecodingError());
-    std::function<void(const TestNode&, const TestNode&)> expectSame = [&](const TestNode& copy, const TestNode& original) {
-        EXPECT_EQ(copy.name, original.name);
-        EXPECT_EQ(copy.number, original.number);
-        EXPECT_EQ(copy.real, original.real);
-        EXPECT_EQ(copy.gain, original.gain);
-        EXPECT_EQ(copy.flag, original.flag);
-        EXPECT_EQ(copy.bytes, original.bytes);
-        EXPECT_EQ(copy.url, original.url);
-        ASSERT_EQ(copy.children.size(), original.children.size());
-        for (size_t i = 0; i < copy.children.size(); ++i)
-            expectSame(*copy.children[i], *original.children[i]);
-    };
-    expectSame(*decoded, *project);
-    EXPECT_EQ(decoded->link, decoded->children[1]->children[2]);
-    EXPECT_FALSE(decoded->children[0]->link);
-    const auto& decodedClips = decoded->children[2]->children;
-    EXPECT_EQ(decodedClips[4], decodedClips[0]);
-    EXPECT_NE(decodedClips[5], decodedClips[0]);
+    Plist plist = parseWithLibplist(binary);
+    ASSERT_TRUE(plist);
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(plist.get(), &xml, &length);
+    ASSERT_TRUE(xml);
+    const QByteArray xmlArchive(xml, static_cast<qsizetype>(length));
+    plist_to_xml_free(xml);
+    for (const QByteArray& archive : {binary, xmlArchive}) {
+        KeyedUnarchiver coder(archive);
+        auto decoded = coder.decodeObjectOfClass<TestNode>(QStringLiteral("root"));
+        ASSERT_TRUE(decoded);
+        EXPECT_FALSE(coder.hasDecodingError());
+        // Archived again, the copy gives the same bytes as the original without
+        // its cycle: every field, and which objects are one instance, came back.
+        EXPECT_EQ(KeyedArchiver::archivedDataWithRootObject(decoded), KeyedArchiver::archivedDataWithRootObject(project));
+        const TestNode& clip = *decoded->children[1]->children[3];
+        EXPECT_EQ(std::tie(clip.number, clip.real, clip.gain, clip.flag, clip.bytes),
+                  std::make_tuple(std::numeric_limits<int64_t>::max(), 44100.0 / 3.0, 0.4f, true, QByteArray(300, 3)));
+        EXPECT_EQ(clip.url, QUrl::fromLocalFile(QStringLiteral("/media/take 3.wav")));
+        EXPECT_EQ(decoded->link, decoded->children[1]->children[2]);
+        EXPECT_FALSE(decoded->children[0]->link);
+        const auto& decodedClips = decoded->children[2]->children;
+        EXPECT_EQ(decodedClips[4], decodedClips[0]);
+        EXPECT_NE(decodedClips[5], decodedClips[0]);
+    }
 }
 
 TEST(KeyedArchiverTest, objectsNestedBeyondTheDepthLimitAreWrittenAsNil)
@@ -197,4 +331,84 @@ TEST(KeyedArchiverTest, reArchivedFixturesDecodeToTheSameValuesAndSharing)
         auto copy = KeyedUnarchiver::unarchiveObjectWithData(KeyedArchiver::archivedDataWithRootObject(original));
         EXPECT_EQ(describe(copy), describe(original)) << name;
     }
+}
+
+TEST(KeyedArchiverTest, theArchiveHasFoundationsLayoutSlotOrderClassDictionariesAndEscapedKeys)
+{
+    auto root = TestNode::named(QStringLiteral("Demo"));
+    root->children.push_back(TestNode::named(QStringLiteral("Demo")));  // the same text: one string slot
+    const QByteArray archive = KeyedArchiver::archivedDataWithRootObject(root);
+    ASSERT_TRUE(satisfiesCoreFoundationReader(archive));
+    Plist plist = parseWithLibplist(archive);
+    ASSERT_TRUE(plist);
+    auto item = [&](const char* key) { return plist_dict_get_item(plist.get(), key); };
+    EXPECT_EQ(plist_dict_get_size(plist.get()), 4u);
+    EXPECT_EQ(stringOf(item("$archiver")), "NSKeyedArchiver");
+    uint64_t version = 0;
+    plist_get_uint_val(item("$version"), &version);
+    EXPECT_EQ(version, 100000u);
+    EXPECT_EQ(plist_dict_get_size(item("$top")), 1u);
+    EXPECT_EQ(uidOf(plist_dict_get_item(item("$top"), "root")), 1u);
+    plist_t objects = item("$objects");
+    auto slot = [&](uint64_t index) { return plist_array_get_item(objects, static_cast<uint32_t>(index)); };
+    auto field = [&](uint64_t index, const char* key) { return uidOf(plist_dict_get_item(slot(index), key)); };
+    EXPECT_EQ(stringOf(slot(0)), "$null");
+
+    // Pre-order: [1] root, [2] its name, [3] its children array, [4] the child
+    // (whose name reuses slot 2), [5] the child's empty children array, [6]
+    // NSMutableArray's class after that array, [7] TestNode's class after the
+    // child. An empty URL and a missing link are nil.
+    EXPECT_EQ(plist_array_get_size(objects), 8u);
+    const std::tuple<uint64_t, const char*, uint64_t> fields[] = {
+        {1, "name", 2}, {1, "children", 3}, {1, "link", 0}, {1, "url", 0},
+        {1, "$class", 7}, {4, "name", 2}, {4, "children", 5}, {4, "$class", 7}, {5, "$class", 6}};
+    for (const auto& [index, key, value] : fields)
+        EXPECT_EQ(field(index, key), value) << index << " " << key;
+    EXPECT_EQ(uidOf(plist_array_get_item(plist_dict_get_item(slot(3), "NS.objects"), 0)), 4u);
+    EXPECT_EQ(stringOf(plist_dict_get_item(slot(6), "$classname")), "NSMutableArray");
+    EXPECT_EQ(stringOf(plist_dict_get_item(slot(7), "$classname")), "TestNode");
+    plist_t chain = plist_dict_get_item(slot(7), "$classes");
+    ASSERT_EQ(plist_array_get_size(chain), 3u);
+    EXPECT_EQ(stringOf(plist_array_get_item(chain, 1)), "TestBase");
+    EXPECT_EQ(stringOf(plist_array_get_item(chain, 2)), "NSObject");
+    Plist nilRoot = parseWithLibplist(KeyedArchiver::archivedDataWithRootObject(ConstKeyedObjectPtr()));
+    ASSERT_TRUE(nilRoot);
+    EXPECT_EQ(uidOf(plist_dict_get_item(plist_dict_get_item(nilRoot.get(), "$top"), "root")), 0u);
+
+    // Keys beginning with '$' get one more, so that they never meet the
+    // reserved keys; a key encoded twice keeps its last value.
+    KeyedArchiver archiver;
+    archiver.encodeInt64(5, QStringLiteral("$class"));
+    archiver.encodeInt64(1, QStringLiteral("twice"));
+    archiver.encodeInt64(2, QStringLiteral("twice"));
+    const QByteArray escaped = archiver.finishEncoding();
+    Plist escapedPlist = parseWithLibplist(escaped);
+    plist_t escapedTop = plist_dict_get_item(escapedPlist.get(), "$top");
+    EXPECT_TRUE(plist_dict_get_item(escapedTop, "$$class"));
+    EXPECT_EQ(plist_dict_get_size(escapedTop), 2u);
+    KeyedUnarchiver coder(escaped);
+    EXPECT_EQ(coder.decodeInt64ForKey(QStringLiteral("$class")), 5);
+    EXPECT_EQ(coder.decodeInt64ForKey(QStringLiteral("twice")), 2);
+}
+
+TEST(KeyedArchiverTest, largeArchivesWidenReferencesAndOffsetsAsCoreFoundationDoes)
+{
+    // Over 65536 objects and over 4 GiB is out of reach; 70000 strings need
+    // 4-byte references and a 1 MB block 4-byte offsets.
+    std::vector<ConstKeyedObjectPtr> strings;
+    for (int i = 0; i < 70000; ++i)
+        strings.push_back(std::make_shared<KeyedString>(QString::number(i)));
+    KeyedArchiver large;
+    large.encodeArray(strings, QStringLiteral("strings"));
+    large.encodeBytes(QByteArray(1 << 20, 'x'), QStringLiteral("block"));
+    const QByteArray wide = large.finishEncoding();
+    ASSERT_TRUE(satisfiesCoreFoundationReader(wide));
+    EXPECT_EQ(wide[wide.size() - 32 + 7], 4);  // objectRefSize
+    EXPECT_EQ(wide[wide.size() - 32 + 6], 4);  // offsetIntSize
+    KeyedUnarchiver coder(wide);
+    auto decoded = coder.decodeArrayOfClass<KeyedString>(QStringLiteral("strings"));
+    ASSERT_TRUE(decoded);
+    ASSERT_EQ(decoded->size(), 70000u);
+    EXPECT_EQ((*decoded)[69999]->string(), "69999");
+    EXPECT_EQ(coder.decodeBytesForKey(QStringLiteral("block")).size(), 1 << 20);
 }

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
@@ -16,25 +15,17 @@ TEST(PathsTest, SearchPathsAreTheXdgBaseFoldersWithoutTheBundleIdentifier)
     EXPECT_EQ(searchPathForDirectory(SearchDirectory::Caches), root + QStringLiteral("/cache"));
     EXPECT_EQ(searchPathForDirectory(SearchDirectory::ApplicationSupport), root + QStringLiteral("/data"));
     EXPECT_EQ(bundleIdentifier(), QStringLiteral("com.tarnwell.brindle"));
-}
-
-TEST(PathsTest, TemporaryDirectoryExists)
-{
     EXPECT_TRUE(QFileInfo(temporaryDirectory()).isDir());
 }
 
-TEST(PathsTest, CreatesIntermediateFoldersAndAcceptsExistingOnes)
+TEST(PathsTest, FoldersAreMadeWithTheirParentsAndAnswerFalseOnlyWhenTheyCannotExist)
 {
     const QString base = test::TestEnvironment::current().makeScratchDirectory(QStringLiteral("paths"));
     const QString deep = base + QStringLiteral("/a/b/c/") + bundleIdentifier();
     EXPECT_TRUE(createDirectoryWithIntermediates(deep));
     EXPECT_TRUE(QFileInfo(deep).isDir());
     EXPECT_TRUE(createDirectoryWithIntermediates(deep));
-}
 
-TEST(PathsTest, AnswersFalseWhenTheFolderCannotExist)
-{
-    const QString base = test::TestEnvironment::current().makeScratchDirectory(QStringLiteral("paths-file"));
     QFile file(base + QStringLiteral("/plain"));
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
     file.close();

@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -23,13 +22,6 @@
 using namespace brindle::test;
 
 namespace {
-
-double at(const QByteArray& buffer, int index)
-{
-    double value;
-    std::memcpy(&value, buffer.constData() + index * 8, 8);
-    return value;
-}
 
 // Ten seconds of mono silence at 8000 Hz in `format`: the clips of the point
 // tests take their format and rate from it; the blocks are made by hand.
@@ -45,28 +37,6 @@ std::shared_ptr<VTClip> clipOfFormat(int32_t format)
 std::shared_ptr<VTSampleBlock> blockAt(int64_t ms, double max, double min)
 {
     return VTSampleBlock::initWithFields(uint64_t(ms * 8), 441, doubles({max}), doubles({min}));
-}
-
-// Three seconds of a stereo 16-bit tone at 44100 Hz, and its samples.
-struct Tone {
-    std::shared_ptr<VTDataProvider> provider;
-    std::vector<int16_t> samples;
-};
-
-const Tone& toneMedia()
-{
-    static const Tone tone = [] {
-        ToneSpec spec;
-        spec.frames = 132300;
-        spec.amplitude = 0.8;
-        const QByteArray raw = toneSamples(spec, 1);
-        Tone made;
-        made.samples.resize(size_t(raw.size() / 2));
-        std::memcpy(made.samples.data(), raw.constData(), size_t(raw.size()));
-        made.provider = providerWithSamples(QStringLiteral("tone-3s"), 1, 2, 44100, raw);
-        return made;
-    }();
-    return tone;
 }
 
 // Collects what a handler receives, from the adapter's queue.
@@ -169,9 +139,8 @@ TEST(VTClipAdapterTest, normalisationFollowsTheSampleFormatAndStaysInsideTheBuff
         QByteArray min = doubles({c[1]});
         // A channel count beyond the buffers touches only what they hold.
         VTClipAdapter::normalizeSamples(max, min, 1000, int32_t(c[0]));
-        ASSERT_EQ(max.size(), 8);
-        EXPECT_DOUBLE_EQ(at(max, 0), c[2]) << c[0];
-        EXPECT_DOUBLE_EQ(at(min, 0), c[2]) << c[0];
+        EXPECT_EQ(max, doubles({c[2]})) << c[0];
+        EXPECT_EQ(min, doubles({c[2]})) << c[0];
     }
     EXPECT_TRUE(log.contains(QStringLiteral("Can't support such sample format(5) normalize.")));
 }
@@ -202,11 +171,7 @@ TEST(VTClipAdapterTest, aRequestStreamsTheStretchsPointsOnTheAdaptersQueueInMedi
         ASSERT_EQ(point.timestampOfDataProvider(), int64_t(1000 * index / 44100)) << i;
         ASSERT_EQ(point.numberOfChannel(), 2);
         for (int c = 0; c < 2; ++c) {
-            double max = 0, min = 0;
-            for (uint64_t frame = index; frame < index + 441; ++frame) {
-                max = std::max<double>(max, tone.samples[frame * 2 + uint64_t(c)]);
-                min = std::min<double>(min, tone.samples[frame * 2 + uint64_t(c)]);
-            }
+            const auto [max, min] = tone.extremes(index, 441, c);
             ASSERT_DOUBLE_EQ(point.maxSampleOfChannel(c), max / 32767.5) << i;
             ASSERT_DOUBLE_EQ(point.minSampleOfChannel(c), min / 32767.5) << i;
         }

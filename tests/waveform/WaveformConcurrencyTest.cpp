@@ -27,10 +27,10 @@ using namespace brindle::test;
 
 TEST(WaveformConcurrencyTest, requestsFromSeveralClipsOfOneMediaAtOnceNeverDeadlock)
 {
-    ToneSpec spec;
-    spec.frames = 88200;
-    spec.seed = 9;
-    auto provider = providerWithSamples(QStringLiteral("tone-2s-concurrent"), 1, 2, 44100, toneSamples(spec, 1));
+    ToneSpec signal;
+    signal.frames = 88200;
+    signal.seed = 9;
+    auto provider = providerWithSamples(QStringLiteral("tone-2s-concurrent"), 1, 2, 44100, toneSamples(signal, 1));
     ASSERT_TRUE(provider);
 
     constexpr int kClips = 4;

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -36,6 +37,32 @@ std::shared_ptr<VTDataProvider> providerWithSamples(const QString& name, int32_t
     VTDataProviderMgr::shareDataProviderMgr().importDataProviders({provider});
     made.emplace(fileName, provider);
     return provider;
+}
+
+const Tone& toneMedia()
+{
+    static const Tone tone = [] {
+        ToneSpec signal;
+        signal.frames = 132300;
+        signal.amplitude = 0.8;
+        const QByteArray raw = toneSamples(signal, 1);
+        Tone made;
+        made.samples.resize(size_t(raw.size() / 2));
+        std::memcpy(made.samples.data(), raw.constData(), size_t(raw.size()));
+        made.provider = providerWithSamples(QStringLiteral("tone-3s"), 1, 2, 44100, raw);
+        return made;
+    }();
+    return tone;
+}
+
+std::pair<double, double> Tone::extremes(uint64_t index, uint64_t length, int channel) const
+{
+    double max = 0, min = 0;
+    for (uint64_t frame = index; frame < std::min<uint64_t>(index + length, samples.size() / 2); ++frame) {
+        max = std::max<double>(max, samples[frame * 2 + uint64_t(channel)]);
+        min = std::min<double>(min, samples[frame * 2 + uint64_t(channel)]);
+    }
+    return {max, min};
 }
 
 QByteArray doubles(std::initializer_list<double> values)

@@ -1,5 +1,5 @@
-// Media for the waveform tests: WAV files decoded into real data providers
-// registered with the shared registry.
+// Media for the waveform tests (WAV files decoded into real data providers
+// registered with the shared registry) and the value buffers of blocks and points.
 #pragma once
 
 #include <QByteArray>
@@ -7,6 +7,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
+#include <vector>
 
 class VTDataProvider;
 
@@ -17,6 +19,17 @@ namespace brindle::test {
 // Null (with a test failure) when it cannot be decoded.
 std::shared_ptr<VTDataProvider> providerWithSamples(const QString& name, int32_t sampleFormat, int channels,
                                                     int sampleRate, const QByteArray& interleaved);
+
+// Three seconds of a stereo 16-bit tone at 44100 Hz (132300 frames), and its samples.
+struct Tone {
+    std::shared_ptr<VTDataProvider> provider;
+    std::vector<int16_t> samples;
+
+    // The (max, min) of a channel over frames [index, index + length) as far as
+    // the media goes, starting from 0.
+    std::pair<double, double> extremes(uint64_t index, uint64_t length, int channel) const;
+};
+const Tone& toneMedia();
 
 // Interleaved samples of type T made by value(frame, channel).
 template <class T, class Value>
