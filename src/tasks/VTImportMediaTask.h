@@ -13,9 +13,10 @@
 //   key, so the overall value then stays below 100. A total of 0 ms reports 0.
 // - Threads: probing runs on the task's thread, for every file before the
 //   first decode starts (so progress divides by the final total), then each
-//   decode runs on its own job of the global queue; the task's thread waits for them all. `percentBuffer` is
-//   written and read only on `percentQueue` (a serial queue made on first use),
-//   entered synchronously by the four book-keeping operations.
+//   decode runs on its own job of the global queue; the task's thread waits
+//   for them all. `percentBuffer` is written and read only on `percentQueue`
+//   (a serial queue made on first use), entered synchronously by the four
+//   book-keeping operations.
 #pragma once
 
 #include "foundation/Dispatch.h"
