@@ -63,12 +63,15 @@ void checkRecordReader(const QByteArray& record, const KRAudioFrameRecordReader:
                        const std::shared_ptr<KRAudioFrame2>& frame)
 {
     static KRAudioFrameRecordReader reader;
-    std::vector<char> samples;
-    if (!reader.unpack(record.constData(), size_t(record.size()), shape, samples))
+    static std::vector<unsigned char> holder;
+    size_t at = 0;
+    if (!reader.unpack(record.constData(), size_t(record.size()), shape, holder, at))
         return;
+    if (at + size_t(shape.packedBytes) > holder.size())
+        std::abort();
+    const QByteArray samples(reinterpret_cast<const char*>(holder.data() + at), shape.packedBytes);
     if (!frame || frame->sampleFormat() != shape.sampleFormat || frame->numberOfChannel() != shape.numberOfChannel ||
-        frame->numberOfSamples() != shape.numberOfSamples ||
-        frame->dataOfPackedSamples() != QByteArray(samples.data(), qsizetype(samples.size())))
+        frame->numberOfSamples() != shape.numberOfSamples || frame->dataOfPackedSamples() != samples)
         std::abort();
 }
 

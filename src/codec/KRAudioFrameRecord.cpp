@@ -117,28 +117,14 @@ KRAudioFrameRecordReader::KRAudioFrameRecordReader() : m_inflater(std::make_uniq
 
 KRAudioFrameRecordReader::~KRAudioFrameRecordReader() = default;
 
-bool KRAudioFrameRecordReader::accept(const char* record, size_t size, const Shape& shape)
+bool KRAudioFrameRecordReader::unpack(const char* record, size_t size, const Shape& shape,
+                                      std::vector<unsigned char>& holder, size_t& samplesAt)
 {
     if (!record || shape.packedBytes <= 0 || uint64_t(shape.packedBytes) > UINT_MAX - kArchiveOverhead)
         return false;
     if (!inflateRecord(reinterpret_cast<const unsigned char*>(record), size, size_t(shape.packedBytes) + kArchiveOverhead))
         return false;
-    return matchesLastLayout(shape) || readArchive(shape);
-}
-
-bool KRAudioFrameRecordReader::unpack(const char* record, size_t size, const Shape& shape, std::vector<char>& samples)
-{
-    if (!accept(record, size, shape))
-        return false;
-    samples.resize(size_t(shape.packedBytes));
-    std::memcpy(samples.data(), m_archive.data() + m_layout.payload, size_t(shape.packedBytes));
-    return true;
-}
-
-bool KRAudioFrameRecordReader::unpackInPlace(const char* record, size_t size, const Shape& shape,
-                                             std::vector<unsigned char>& holder, size_t& samplesAt)
-{
-    if (!accept(record, size, shape))
+    if (!matchesLastLayout(shape) && !readArchive(shape))
         return false;
     // The remembered layout keeps its own copy of the framing, so the
     // archive's storage can change hands.

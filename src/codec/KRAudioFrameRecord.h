@@ -4,10 +4,10 @@
 // Contract
 // - `unpack` reads exactly that layout without building the generic object
 //   graph: it inflates into a buffer it keeps, checks the stream's Adler-32,
-//   walks the property list with BplistReader and copies the packed samples
-//   into the caller's buffer (or, with `unpackInPlace`, hands over the
-//   inflated archive with the samples' offset inside it). Once its buffers have grown to the largest
-//   record, a run of records allocates nothing. Records of one stream share
+//   walks the property list with BplistReader and hands the inflated archive
+//   to the caller with the samples' offset inside it, so the samples are never
+//   copied. Once its buffers have grown to the largest record (the reader and
+//   the caller swap theirs), a run of records allocates nothing. Records of one stream share
 //   their layout: an archive equal to the last accepted one everywhere but in
 //   its samples is taken without walking it again.
 // - It accepts a record only when the generic path (inflate, then
@@ -40,20 +40,15 @@ public:
     KRAudioFrameRecordReader& operator=(const KRAudioFrameRecordReader&) = delete;
 
     // True when `record` holds a frame of exactly `shape`; its samples are
-    // then in `samples` (resized to shape.packedBytes). On false `samples`
-    // holds nothing useful.
-    bool unpack(const char* record, size_t size, const Shape& shape, std::vector<char>& samples);
-    // The same without copying the samples: on true they are the
-    // shape.packedBytes bytes from `samplesAt` in `holder`, which now holds
-    // the inflated archive itself (the reader keeps the holder's previous
-    // storage for the next record).
-    bool unpackInPlace(const char* record, size_t size, const Shape& shape, std::vector<unsigned char>& holder,
-                       size_t& samplesAt);
+    // then the shape.packedBytes bytes from `samplesAt` in `holder`, which
+    // now holds the inflated archive itself (the reader keeps the holder's
+    // previous storage for the next record). On false `holder` and
+    // `samplesAt` are unchanged.
+    bool unpack(const char* record, size_t size, const Shape& shape, std::vector<unsigned char>& holder,
+                size_t& samplesAt);
 
 private:
     struct Inflater;
-    // Inflates and checks a record; on true the samples lie at m_layout.payload in m_archive.
-    bool accept(const char* record, size_t size, const Shape& shape);
     // Inflates the zlib stream into m_archive (at most `limit` bytes).
     bool inflateRecord(const unsigned char* record, size_t size, size_t limit);
     // Walks the inflated archive; on success remembers its layout.

@@ -322,8 +322,8 @@ bool VTDataProvider::unpackRow(size_t position, FrameCursor& cursor) const
         const KRAudioFrameRecordReader::Shape shape{m_sampleFormat, m_numberOfChannel, int32_t(row.numberOfSamples()),
                                                     *expectedBytes};
         const char* record = recordBytes(position, cursor);
-        if (record && t_recordReader.unpackInPlace(record, uint64_t(row.lengthOfBuffer()), shape, cursor.m_samples,
-                                                   cursor.m_samplesAt))
+        if (record &&
+            t_recordReader.unpack(record, uint64_t(row.lengthOfBuffer()), shape, cursor.m_samples, cursor.m_samplesAt))
             return true;
     }
     const std::shared_ptr<KRAudioFrame2> frame = frameOfRow(row);
@@ -388,7 +388,8 @@ uint64_t VTDataProvider::readSampleOfCount(uint64_t count, void* buffer, uint64_
         }
         const uint64_t skip = index - uint64_t(row.indexOfSamples());
         const uint64_t n = std::min(count - done, uint64_t(row.numberOfSamples()) - skip);
-        std::memcpy(destination + done * frameBytes, cursor.m_samples.data() + cursor.m_samplesAt + skip * frameBytes, size_t(n * frameBytes));
+        const unsigned char* samples = cursor.m_samples.data() + cursor.m_samplesAt;
+        std::memcpy(destination + done * frameBytes, samples + skip * frameBytes, size_t(n * frameBytes));
         index += n;
         done += n;
         *position += 1;

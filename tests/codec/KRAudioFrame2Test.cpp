@@ -15,6 +15,7 @@ extern "C" {
 }
 
 #include <memory>
+#include <optional>
 #include <random>
 #include <vector>
 
@@ -129,6 +130,25 @@ std::shared_ptr<KRAudioFrame2> genericFrame(const QByteArray& record, const Shap
     return frame;
 }
 
+// What the fixed-layout reader finds in `size` bytes at `record`: the packed
+// samples, or nothing when it refuses the record. The samples are read where
+// the reader leaves them, inside the inflated archive it hands over.
+std::optional<QByteArray> readerSamples(KRAudioFrameRecordReader& reader, const char* record, size_t size,
+                                        const Shape& shape)
+{
+    std::vector<unsigned char> holder;
+    size_t at = 0;
+    if (!reader.unpack(record, size, shape, holder, at))
+        return std::nullopt;
+    EXPECT_LE(at + size_t(shape.packedBytes), holder.size());
+    return QByteArray(reinterpret_cast<const char*>(holder.data() + at), shape.packedBytes);
+}
+
+std::optional<QByteArray> readerSamples(KRAudioFrameRecordReader& reader, const QByteArray& record, const Shape& shape)
+{
+    return readerSamples(reader, record.constData(), size_t(record.size()), shape);
+}
+
 }  // namespace
 
 TEST(KRAudioFrame2, planarAndPackedDecoderFramesAreInterleavedExactly)
@@ -215,13 +235,13 @@ TEST(KRAudioFrameRecord, recordsUnpackToTheFrameSamplesByTheReaderAndTheGenericP
     FramePtr decoded = makeFrame(AV_SAMPLE_FMT_FLTP, 2, 1152);
     ASSERT_TRUE(decoded);
     KRAudioFrameRecordReader reader;
-    std::vector<char> samples;
     for (const auto& frame : {KRAudioFrame2::initWithAVFrame(decoded.get()), stereoFrame(1152, false),
                               stereoFrame(1152, true), stereoFrame(40000, false, 3), stereoFrame(1, false, 4)}) {
         ASSERT_TRUE(frame);
         const QByteArray record = recordOf(*frame);
-        ASSERT_TRUE(reader.unpack(record.constData(), size_t(record.size()), shapeOf(*frame), samples));
-        ASSERT_EQ(QByteArray(samples.data(), qsizetype(samples.size())), frame->dataOfPackedSamples());
+        const std::optional<QByteArray> samples = readerSamples(reader, record, shapeOf(*frame));
+        ASSERT_TRUE(samples);
+        ASSERT_EQ(*samples, frame->dataOfPackedSamples());
         const auto generic = genericFrame(record, shapeOf(*frame));
         ASSERT_TRUE(generic);
         EXPECT_EQ(generic->sampleRate(), frame->sampleRate());
@@ -230,10 +250,10 @@ TEST(KRAudioFrameRecord, recordsUnpackToTheFrameSamplesByTheReaderAndTheGenericP
     const auto frame = stereoFrame(512, false);
     const QByteArray record = recordOf(*frame);
     for (const Shape& other : {Shape{1, 2, 511, 511 * 4}, Shape{3, 1, 512, 512 * 4}})
-        EXPECT_FALSE(reader.unpack(record.constData(), size_t(record.size()), other, samples));
+        EXPECT_FALSE(readerSamples(reader, record, other));
     const QByteArray lookAlike = recordOf(ForgedFrame({1, 2, 44100, 1, 4}, QStringLiteral("KRAudioFrame3")));
-    EXPECT_FALSE(reader.unpack(lookAlike.constData(), size_t(lookAlike.size()), {1, 2, 1, 4}, samples));
-    EXPECT_TRUE(reader.unpack(record.constData(), size_t(record.size()), shapeOf(*frame), samples));
+    EXPECT_FALSE(readerSamples(reader, lookAlike, {1, 2, 1, 4}));
+    EXPECT_TRUE(readerSamples(reader, record, shapeOf(*frame)));
 }
 
 // Every truncation and every single-byte change of a record: the reader
@@ -242,7 +262,6 @@ TEST(KRAudioFrameRecord, recordsUnpackToTheFrameSamplesByTheReaderAndTheGenericP
 TEST(KRAudioFrameRecord, everyDamagedRecordIsRefusedOrReadExactlyAsTheGenericPathReadsIt)
 {
     KRAudioFrameRecordReader reader;
-    std::vector<char> samples;
     for (bool silent : {false, true}) {
         const auto frame = stereoFrame(24, silent);
         const QByteArray record = recordOf(*frame);
@@ -250,12 +269,12 @@ TEST(KRAudioFrameRecord, everyDamagedRecordIsRefusedOrReadExactlyAsTheGenericPat
         auto check = [&](const QByteArray& damaged) {
             // A copy of exactly the damaged length, so that ASan sees any read past it.
             std::vector<char> exact(damaged.begin(), damaged.end());
-            if (!reader.unpack(exact.data(), exact.size(), shape, samples))
+            const std::optional<QByteArray> samples = readerSamples(reader, exact.data(), exact.size(), shape);
+            if (!samples)
                 return 0;
             const auto generic = genericFrame(damaged, shape);
             EXPECT_TRUE(generic);
-            EXPECT_EQ(generic ? generic->dataOfPackedSamples() : QByteArray(),
-                      QByteArray(samples.data(), qsizetype(samples.size())));
+            EXPECT_EQ(generic ? generic->dataOfPackedSamples() : QByteArray(), *samples);
             return 1;
         };
         for (qsizetype length = 0; length < record.size(); ++length)
