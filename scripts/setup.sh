@@ -2,8 +2,10 @@
 # Installs what is missing (Debian 12, as root), builds Brindle, then either
 # starts the main program or runs the whole test suite.
 #
-#   scripts/setup.sh run [ARGS...]   build and start the main program
-#   scripts/setup.sh test            build and run the test suite
+#   scripts/setup.sh run [ARGS...]   build and start the editor (ARGS go to it,
+#                                    so `run FILE.loomwick` opens a document)
+#   scripts/setup.sh test            build and run the test suite (under
+#                                    xvfb-run when there is no X display)
 #
 # Environment: BRINDLE_PRESET (default "default") picks the CMake preset.
 set -euo pipefail
@@ -42,10 +44,16 @@ build
 
 case "$mode" in
     run)
-        exec "$top/build/$preset/src/cli/brindle-cli" "$@"
+        exec "$top/build/$preset/src/app/brindle" "$@"
         ;;
     test)
         cd "$top"
+        # The editor's tests draw with Mesa's software GL on an X display; one
+        # virtual display serves the whole run.
+        export LIBGL_ALWAYS_SOFTWARE=1
+        if [ -z "${DISPLAY:-}" ]; then
+            exec xvfb-run -a -s "-screen 0 1600x1000x24" ctest --preset "$preset" --no-tests=error
+        fi
         ctest --preset "$preset" --no-tests=error
         ;;
     *)

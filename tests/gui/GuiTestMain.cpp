@@ -1,0 +1,47 @@
+// Test main for widget and GL tests: fresh XDG folders (as every test has),
+// Mesa's software GL, and a QApplication on an X display. Without a display
+// the process runs itself again under `xvfb-run`, so that the tests work the
+// same from ctest, from a shell and in CI (where the whole run already has one).
+#include "support/TestEnvironment.h"
+
+#include <QApplication>
+#include <QByteArray>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <vector>
+
+namespace {
+
+// Replaces this process with `xvfb-run -a -s "-screen 0 1600x1000x24" <argv>`.
+int rerunUnderXvfb(const std::vector<char*>& arguments)
+{
+    std::vector<char*> command = {const_cast<char*>("xvfb-run"), const_cast<char*>("-a"), const_cast<char*>("-s"),
+                                  const_cast<char*>("-screen 0 1600x1000x24")};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    command.push_back(nullptr);
+    ::execvp("xvfb-run", command.data());
+    std::perror("GUI tests need an X display, and xvfb-run could not be started");
+    return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const std::vector<char*> originalArguments(argv, argv + argc);
+    testing::InitGoogleTest(&argc, argv);
+    if (GTEST_FLAG_GET(list_tests))
+        return RUN_ALL_TESTS();
+    if (qEnvironmentVariableIsEmpty("DISPLAY"))
+        return rerunUnderXvfb(originalArguments);
+
+    qputenv("LIBGL_ALWAYS_SOFTWARE", "1");
+    qputenv("QT_QPA_PLATFORM", "xcb");
+    brindle::test::TestEnvironment environment;
+    QApplication app(argc, argv);
+    return RUN_ALL_TESTS();
+}
