@@ -34,12 +34,17 @@
 #include <QStringList>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 
 class KRGLUImage;
+class QMimeData;
+class QSurfaceFormat;
 class QOpenGLWidget;
 class VTTimelineGLWidget;
+class VTTimelineTextCache;
 class VTWaveCache;
 
 class VTTimelineView : public QAbstractScrollArea {
@@ -132,6 +137,90 @@ protected:
 
 private:
     friend class VTTimelineGLWidget;
+    using ValueDictionary = VTTimelineViewDelegate::ValueDictionary;
+
+    // A gesture between a left-button press and its release: the modal drag
+    // loops as a state machine. Each step computes from the start point and
+    // the initial values only.
+    struct DragState {
+        enum class Kind { none, cursor, rubberBand, fade, cut, move };
+        Kind kind = Kind::none;
+        QPointF startPoint;
+        ValueDictionary initialValues;
+        // Move: the clips' track indexes when the drag began, and the lane under the start.
+        ValueDictionary trackValues;
+        uint64_t startTrack = 0;
+        VTTimelineViewDelegate::Attributes attributes;
+        // Fade: the fade-in handle (else fade-out). Trim: the start (else the end).
+        bool leading = false;
+        bool changed = false;
+    };
+
+    // --- VTTimelineView.cpp: positions, frame, scrolling, caches, events.
+    // A viewport position (Qt pixels, y down) in document points (y up).
+    QPointF pointWithViewportPosition(const QPointF& position) const;
+    void updateScrollBars();
+    void updateCursorTrackingArea();
+    bool acceptsFirstResponder() const { return true; }
+    void markForRedraw();
+    // Runs `work` with the viewport's context current (when it has one), for
+    // freeing GL names outside a paint.
+    void withGLContext(const std::function<void()>& work);
+    // Frees every texture and frame buffer made with the viewport's context
+    // (called with that context current).
+    void releaseGLResources();
+
+    // --- VTTimelineViewDrawing.cpp: drawing, with the viewport's context current.
+    static QSurfaceFormat defaultPixelFormat();
+    // Viewport and projection over the visible rectangle (GL = document coordinates).
+    void reshape();
+    KRGLUImage* cursorImage();
+    void drawRect(const QRectF& dirtyRect);
+    void drawTrackBackground(const QRectF& dirtyRect);
+    void drawClips(const QRectF& dirtyRect);
+    void drawClip(const std::shared_ptr<VTTimelineClip>& clip, const QRectF& withBounds, const QRectF& dirtyRect);
+    void drawClipBackgroundWithBounds(const QRectF& bounds, const QRectF& dirtyRect);
+    void drawClipFadeline(const VTTimelineClip& clip, const QRectF& withBounds, const QRectF& dirtyRect);
+    void drawClipTitle(const VTTimelineClip& clip, const QRectF& withBounds, const QRectF& dirtyRect);
+    void drawTicksmark(const QRectF& dirtyRect);
+    void drawPositionCursor(const QRectF& dirtyRect);
+    static void roundRect(const QRectF& rect, double radius, bool needFill);
+    // The clip's waveform cache, made, re-requested or rendered as its
+    // visible stretch needs; null when the clip has none.
+    VTWaveCache* waveCacheForDrawing(const std::shared_ptr<VTTimelineClip>& clip, int64_t visibleStart,
+                                     int64_t visibleLength);
+    // The process block of a wave request: re-render on the next redraw.
+    std::function<void()> waveArrivalHandler(const std::shared_ptr<VTWaveCache>& cache);
+
+    // --- VTTimelineViewInteraction.cpp: mouse, cursor shapes, drops.
+    void mouseDown(const QPointF& point, Qt::KeyboardModifiers modifiers);
+    void mouseDragged(const QPointF& point);
+    void mouseUp(const QPointF& point);
+    void mouseMoved(const QPointF& point, Qt::MouseButtons buttons);
+    void cursorUpdate(const QPointF& point, bool leftButtonDown);
+    // Hit-test and click selection: the Identifier of the clip under the
+    // point (the topmost), with its track index.
+    std::optional<QString> clipIdentiferWithMouseDown(const QPointF& point, Qt::KeyboardModifiers modifiers,
+                                                      uint64_t* trackIndex);
+    ValueDictionary initialValuesWithPropertyType(int propertyType);
+    static std::pair<uint64_t, uint64_t> trackIndexRangeWithPropertyDictionary(const ValueDictionary& values);
+    void dragDropCursorWithStartPoint(const QPointF& startPoint);
+    void rectSelectClipWithStartPoint(const QPointF& startPoint);
+    void dragFadeWithStartPoint(const QPointF& startPoint, const ValueDictionary& initialValues, bool fadeIn);
+    void dragCutWithStartPoint(const QPointF& startPoint, const ValueDictionary& initialValues, bool start);
+    void dragMoveWithStartPoint(const QPointF& startPoint, const ValueDictionary& initialValues);
+    void mouseDownAtTickmark(double x);
+    void dragDropCursorStep(const QPointF& point);
+    void rectSelectClipStep(const QPointF& point);
+    void dragFadeStep(const QPointF& point);
+    void dragCutStep(const QPointF& point);
+    void dragMoveStep(const QPointF& point);
+    void dragMoveEnd(const QPointF& point);
+    // The new values of a fade, trim or move step: initial + sign × Δ.
+    ValueDictionary shiftedValues(const QPointF& point, int sign);
+    void setViewportCursor(Qt::CursorShape shape);
+    bool draggingEntered(const QMimeData* mimeData) const;
+    bool performDragOperation(const QMimeData& mimeData, const QPointF& point);
 
     std::shared_ptr<VTTimelineViewDataSource> m_dataSource;
     VTTimelineViewDelegate* m_delegate = nullptr;
@@ -140,6 +229,10 @@ private:
     QRectF m_selectionRect;
     QStringList m_registeredDraggedTypes;
     std::shared_ptr<KRGLUImage> m_cursorImage;
+    // The cursor image was looked for with the current context (it may be missing).
+    bool m_cursorImageLoaded = false;
     QHash<QString, std::shared_ptr<VTWaveCache>> m_clipsCaches;
+    std::unique_ptr<VTTimelineTextCache> m_textCache;
+    DragState m_drag;
     VTTimelineGLWidget* m_glWidget = nullptr;
 };
