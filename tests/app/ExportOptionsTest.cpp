@@ -2,7 +2,7 @@
 // the build-time artwork as the editor's libraries carry it in resources.
 #include "app/KRExportOptions.h"
 #include "app/KRProgressWndCtrl.h"
-#include "media/LogCapture.h"
+#include "foundation/Log.h"
 
 #include <QComboBox>
 #include <QDialog>
@@ -16,6 +16,8 @@
 #include <QTest>
 
 #include <gtest/gtest.h>
+
+#include <mutex>
 
 namespace {
 
@@ -35,6 +37,29 @@ void pick(QComboBox* box, const QString& text)
     box->setCurrentIndex(index);
     Q_EMIT box->activated(index);
 }
+
+// The log lines written while it exists.
+class LogLines {
+public:
+    LogLines()
+    {
+        m_previous = brindle::setLogSink([this](const QString& line) {
+            const std::lock_guard lock(m_mutex);
+            m_lines << line;
+        });
+    }
+    ~LogLines() { brindle::setLogSink(std::move(m_previous)); }
+    bool contains(const QString& line) const
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_lines.contains(line);
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    QStringList m_lines;
+    brindle::LogSink m_previous;
+};
 
 const QString kMp3 = QStringLiteral("MP3 audio format(*.mp3)");
 const QString kWav = QStringLiteral("Waveform audio format(*.wav)");
@@ -86,7 +111,7 @@ TEST(ExportOptions, SettersSelectEntriesThatReadBackThroughTheBoxes)
 TEST(ExportOptions, FormatChangeOutsideASavePanelOnlyWarns)
 {
     KRExportOptions options;
-    const brindle::test::LogCapture log;
+    const LogLines log;
     pick(options.cmbFormats(), kWav);
     EXPECT_TRUE(log.contains(QStringLiteral("Warning: this view can only using in save panel")));
     EXPECT_EQ(itemsOf(options.cmbSamplerates()), (QStringList{"48KHz", "44.1KHz"}));
