@@ -75,7 +75,7 @@ KRAudioPlayer::KRAudioPlayer()
 
 KRAudioPlayer::~KRAudioPlayer()
 {
-    stop();
+    releaseDevice();
 }
 
 void KRAudioPlayer::setDelegate(KRAudioPlayerDelegate* delegate)
@@ -96,6 +96,29 @@ bool KRAudioPlayer::playWithDataFormat(const AudioStreamBasicDescription* format
                       qUtf8Printable(reason));
         return false;
     }
+    if (m_stream && std::memcmp(&m_format, format, sizeof m_format) != 0)
+        closeStream();
+    m_format = *format;
+    m_currentPkt.store(0, std::memory_order_relaxed);
+    m_drained.store(false, std::memory_order_relaxed);
+    m_deviceFailed.store(false, std::memory_order_relaxed);
+    bool started = m_stream && startStream();
+    if (!started) {
+        // No kept stream, or one that will not start again (its device went
+        // away): open a fresh one.
+        closeStream();
+        started = openStream(*format) && startStream();
+    }
+    if (!started) {
+        closeStream();
+        return false;
+    }
+    m_state.store(kPlaying, std::memory_order_release);
+    return true;
+}
+
+bool KRAudioPlayer::openStream(const AudioStreamBasicDescription& format)
+{
     if (!portAudioReady())
         return false;
     const PaDeviceIndex device = Pa_GetDefaultOutputDevice();
@@ -104,31 +127,21 @@ bool KRAudioPlayer::playWithDataFormat(const AudioStreamBasicDescription* format
         brindle::log(QStringLiteral("Audio output: there is no output device"));
         return false;
     }
-
     PaStreamParameters parameters{};
     parameters.device = device;
-    parameters.channelCount = static_cast<int>(format->mChannelsPerFrame);
+    parameters.channelCount = static_cast<int>(format.mChannelsPerFrame);
     parameters.sampleFormat = paInt16;
     parameters.suggestedLatency = info->defaultHighOutputLatency;
-
-    m_format = *format;
-    m_currentPkt.store(0, std::memory_order_relaxed);
-    m_drained.store(false, std::memory_order_relaxed);
     PaStream* stream = nullptr;
-    const PaError error = Pa_OpenStream(&stream, nullptr, &parameters, format->mSampleRate,
+    const PaError error = Pa_OpenStream(&stream, nullptr, &parameters, format.mSampleRate,
                                         paFramesPerBufferUnspecified, paNoFlag, &StreamCallbacks::render, this);
     if (error != paNoError) {
         brindle::logf("Audio output: cannot open the output device \"%s\" at %g Hz with %u channels (%s)", info->name,
-                      format->mSampleRate, format->mChannelsPerFrame, qUtf8Printable(errorText(error)));
+                      format.mSampleRate, format.mChannelsPerFrame, qUtf8Printable(errorText(error)));
         return false;
     }
     m_stream = stream;
     Pa_SetStreamFinishedCallback(stream, &StreamCallbacks::finished);
-    if (!startStream()) {
-        closeStream();
-        return false;
-    }
-    m_state.store(kPlaying, std::memory_order_release);
     return true;
 }
 
@@ -157,10 +170,22 @@ void KRAudioPlayer::resume()
 
 void KRAudioPlayer::stop()
 {
-    if (state() == kStopped && !m_stream)
+    if (state() == kStopped || !m_stream)
         return;
-    closeStream();
+    m_stopping.store(true, std::memory_order_release);
+    const PaError error = Pa_AbortStream(static_cast<PaStream*>(m_stream));
+    const bool stopped = error == paNoError || error == paStreamIsStopped;
+    if (!stopped)
+        brindle::logf("Audio output: stopping the stream failed (%s)", qUtf8Printable(errorText(error)));
+    if (!stopped || m_deviceFailed.load(std::memory_order_acquire))
+        closeStream();
     m_state.store(kStopped, std::memory_order_release);
+}
+
+void KRAudioPlayer::releaseDevice()
+{
+    stop();
+    closeStream();
 }
 
 bool KRAudioPlayer::startStream()
@@ -222,8 +247,10 @@ void KRAudioPlayer::streamDidFinish()
     if (m_stopping.load(std::memory_order_acquire))
         return;
     const bool failed = !m_drained.load(std::memory_order_relaxed);
-    if (failed)
+    if (failed) {
+        m_deviceFailed.store(true, std::memory_order_release);
         brindle::log(QStringLiteral("Audio output: the output device stopped while playing"));
+    }
     if (KRAudioPlayerDelegate* delegate = m_delegate.load(std::memory_order_acquire))
         delegate->KRAudioPlayerStopPlay(*this, failed);
 }

@@ -6,10 +6,15 @@
 //   device. PortAudio is initialised once per process, when the first player
 //   is made; it reads the sound configuration then (ALSA_CONFIG_PATH, for
 //   instance, must be set before that).
-// - States: 0 stopped, 1 paused, 2 playing. `playWithDataFormat` opens and
-//   starts a stream (stopping a running one first); `pause` stops pulling and
-//   keeps the position, `resume` goes on from there; `stop` closes the stream.
-//   `state()` may be read from any thread.
+// - States: 0 stopped, 1 paused, 2 playing. `playWithDataFormat` starts a
+//   stream from frame 0 (stopping a running one first); `pause` stops pulling
+//   and keeps the position, `resume` goes on from there; `stop` ends the
+//   stream at once. `state()` may be read from any thread.
+// - Opening a device can take tens of milliseconds (a sound server has to
+//   register a client), so a stopped stream stays open and the next play in
+//   the same format starts it again. It is closed by `releaseDevice`, by the
+//   destructor, by a play in another format, and after a device failure; a
+//   kept stream that will not start again is replaced by a freshly opened one.
 // - The delegate is asked for audio on PortAudio's own thread, once per
 //   buffer, with the index of the buffer's first frame since play began. An
 //   answer of false ends the stream by itself: that buffer is played as
@@ -78,14 +83,18 @@ public:
     void pause();
     // Only while paused. A stream that cannot be restarted is closed (state 0).
     void resume();
-    // While playing or paused: ends the stream at once and closes it.
+    // While playing or paused: ends the stream at once (it stays open for
+    // the next play).
     void stop();
+    // Stops, and closes the stream so that the device is free.
+    void releaseDevice();
 
 private:
     // PortAudio's callbacks, which forward to the two members below.
     struct StreamCallbacks;
     int renderBuffer(void* output, unsigned long frames);
     void streamDidFinish();
+    bool openStream(const AudioStreamBasicDescription& format);
     bool startStream();
     void closeStream();
 
@@ -102,6 +111,9 @@ private:
     // stream is opened.
     std::atomic<int64_t> m_currentPkt{0};
     std::atomic<bool> m_drained{false};
+    // Set by PortAudio's thread when the device failed; the stream is then
+    // closed by the next stop.
+    std::atomic<bool> m_deviceFailed{false};
     // Set by the controlling thread before it stops the stream, so that the
     // finished notice it causes is not taken for the stream ending by itself.
     std::atomic<bool> m_stopping{false};
