@@ -1,6 +1,7 @@
 // The export options inside the export save dialog, the progress sheet, and
 // the build-time artwork as the editor's libraries carry it in resources.
 #include "app/KRExportOptions.h"
+#include "gui/WaitFor.h"
 #include "app/KRProgressWndCtrl.h"
 #include "foundation/Log.h"
 
@@ -156,7 +157,7 @@ TEST(ExportOptions, SavePanelFollowsTheChosenFormat)
     panel->reject();
     EXPECT_EQ(options.savePanel(), nullptr);
     EXPECT_EQ(options.parent(), nullptr);
-    QTRY_VERIFY(panel.isNull());
+    BRINDLE_WAIT_TRUE(panel.isNull());
     EXPECT_EQ(options.formatType(), 100);
 }
 
@@ -170,7 +171,7 @@ TEST(ProgressWndCtrl, ShowsDescriptionAndPercentageAsAWindowModalSheet)
     progress.beginSheet(&window);
 
     QDialog* sheet = progress.window();
-    QTRY_VERIFY(sheet->isVisible());
+    BRINDLE_WAIT_TRUE(sheet->isVisible());
     EXPECT_EQ(sheet->parentWidget(), &window);
     EXPECT_EQ(sheet->windowModality(), Qt::WindowModal);
     const auto* description = sheet->findChild<QLabel*>(QStringLiteral("progressDescription"));

@@ -19,9 +19,13 @@ void pointAt(const char* variable, const QString& path)
 TestEnvironment::TestEnvironment()
     : m_dir(QDir::tempPath() + QStringLiteral("/brindle-test-XXXXXX"))
 {
-    pointAt("XDG_CONFIG_HOME", m_dir.path() + QStringLiteral("/config"));
-    pointAt("XDG_DATA_HOME", m_dir.path() + QStringLiteral("/data"));
-    pointAt("XDG_CACHE_HOME", m_dir.path() + QStringLiteral("/cache"));
+    // A test that starts a second process of itself hands it its own folders
+    // (kSharedHomeVariable), so that both see the same settings and caches.
+    const QString shared = qEnvironmentVariable(kSharedHomeVariable);
+    const QString home = shared.isEmpty() ? m_dir.path() : shared;
+    pointAt("XDG_CONFIG_HOME", home + QStringLiteral("/config"));
+    pointAt("XDG_DATA_HOME", home + QStringLiteral("/data"));
+    pointAt("XDG_CACHE_HOME", home + QStringLiteral("/cache"));
     g_current = this;
 }
 

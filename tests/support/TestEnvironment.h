@@ -9,6 +9,9 @@ namespace brindle::test {
 
 class TestEnvironment {
 public:
+    // When set, the XDG folders are put below this folder instead of a new one.
+    static constexpr const char* kSharedHomeVariable = "BRINDLE_TEST_SHARED_HOME";
+
     TestEnvironment();
     ~TestEnvironment();
 
