@@ -94,6 +94,9 @@ std::shared_ptr<KRMuxerTask> VTAudioExporter::exportAduioToFile(const QString& p
 
     auto mixContext = VTMixContext::initWithSamplerate(options.sampleRate, options.numberOfChannel,
                                                        options.sampleFormat);
+    // Every pull asks for one block size and nobody edits the project while
+    // it exports: the clips are read and converted ahead, on every core.
+    mixContext->setConvertsAhead(true);
     m_project->startMixWithContext(*mixContext);
     m_project->seekToTimestamp(0, *mixContext);
     m_outNumberOfSamples = 0;

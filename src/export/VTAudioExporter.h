@@ -34,6 +34,10 @@
 //   `KRMuxerTaskGetAudioFrame` does for a task that this exporter did not
 //   start. The mixing thread ends the project's mix run when the mix ends,
 //   and stops when the task completes (also after a failure or a cancel).
+//   Its mix context converts ahead (VTMixContext::convertsAhead): the
+//   clips' reads, conversions, gain and fades run on the worker pool, in
+//   parallel across clips, and the mixing thread mixes what they give; the
+//   blocks are the same bytes either way.
 // - Buffers: the block buffers and the frame handed to the muxer are made
 //   when an export starts and reused for every block (the frame is refilled
 //   in place once the muxer has let go of it). The frame is written and read

@@ -29,6 +29,10 @@ class VTMixContext;
 
 namespace brindle {
 
+// What a pull did to the caller's `appendBefore` flag: a pull that writes
+// none leaves the caller's value as it was.
+enum class FlagWrite : int8_t { None, Set, Cleared };
+
 class MixSource {
 public:
     // The answer of `nextSample` for an exhausted or absent source.

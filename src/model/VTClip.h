@@ -22,7 +22,10 @@
 //   (VTClipMixContext) lives in the mix context under the clip's identifier.
 //   It reads its media directly when the media's format, channel count and
 //   rate equal the mix context's, and converts it otherwise; then it applies
-//   its gain and fades to each buffer.
+//   its gain and fades to each buffer. In a context that converts ahead,
+//   once the clip's media is a few blocks away its pulls are computed by a
+//   feed (brindle::ClipFeed) on the worker pool and the mixing thread takes
+//   them from there; the feed holds the clip alive while it runs.
 #pragma once
 
 #include "foundation/KeyedCoding.h"
@@ -34,12 +37,15 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 class VTClipMixContext;
 class VTDataProvider;
 class VTMixContext;
 
-class VTClip final : public brindle::KeyedCoding, public brindle::MixSource {
+class VTClip final : public brindle::KeyedCoding,
+                     public brindle::MixSource,
+                     public std::enable_shared_from_this<VTClip> {
 public:
     // A clip over the whole media of the provider `dataProviderIds`: at 0 on its
     // track and in the media, as long as the media, gain 1.0, fades off with
@@ -138,6 +144,19 @@ private:
     // A new state; `mediaOffset` is the media timestamp where reading begins.
     std::shared_ptr<VTClipMixContext> makeMixState(int64_t indexOfSampleStart, int64_t timestamp,
                                                    int64_t mediaOffset) const;
+    // One pull from `state` into `out` (frames > 0 frames, the context's
+    // format already checked): the answer, and what it did to the flag.
+    int64_t pullFromState(VTClipMixContext& state, uint8_t* out, int64_t frames, brindle::FlagWrite& flag,
+                          const VTMixContext& context);
+    // The pull through the state's feed, starting one when the media is
+    // near; nullopt when this pull is made here instead (VTClipMixAhead.cpp).
+    std::optional<int64_t> pullAhead(std::shared_ptr<VTClipMixContext>& slot, uint8_t* out, int64_t frames,
+                                     bool* appendBefore, const VTMixContext& context);
+    bool feedShouldStart(const VTClipMixContext& state, int64_t frames, const VTMixContext& context) const;
+    void startFeed(VTClipMixContext& state, int64_t frames, const VTMixContext& context);
+    // Gives up the feed for pulls here: a state brought to where the feed's
+    // pulls taken so far left it, by making them again.
+    void replaceFeedByPulls(std::shared_ptr<VTClipMixContext>& slot, int64_t asked, const VTMixContext& context);
     void takeCachedSamples(VTClipMixContext& state, PullTarget& target, const VTMixContext& context);
     bool readDirect(VTClipMixContext& state, PullTarget& target, const VTMixContext& context);
     bool readConverting(VTClipMixContext& state, PullTarget& target, const VTMixContext& context);

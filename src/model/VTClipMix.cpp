@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <optional>
 
 using brindle::endSampleIndexOfSpan;
 using brindle::sampleIndexOfTimestamp;
@@ -120,12 +121,25 @@ int64_t VTClip::nextSample(void* buffer, int64_t bufferCaps, bool* appendBefore,
     }
     if (bufferCaps <= 0 || !buffer)
         return 0;
-    VTClipMixContext& state = **slot;
+    auto* out = static_cast<uint8_t*>(buffer);
+    if (context.convertsAhead()) {
+        if (const std::optional<int64_t> answer = pullAhead(*slot, out, bufferCaps, appendBefore, context))
+            return *answer;
+    }
+    brindle::FlagWrite flag = brindle::FlagWrite::None;
+    const int64_t answer = pullFromState(**slot, out, bufferCaps, flag, context);
+    if (appendBefore && flag != brindle::FlagWrite::None)
+        *appendBefore = flag == brindle::FlagWrite::Set;
+    return answer;
+}
+
+int64_t VTClip::pullFromState(VTClipMixContext& state, uint8_t* out, int64_t bufferCaps, brindle::FlagWrite& flag,
+                              const VTMixContext& context)
+{
     const int64_t rate = context.samplerate();
     const int64_t frameBytes = context.bytesPerSample();
     const int64_t start = timestampOfTrack();
     const int64_t duration = durationOfTrack();
-    auto* out = static_cast<uint8_t*>(buffer);
 
     const int64_t startIndex = sampleIndexOfTimestamp(start, rate);
     const int64_t current = saturatingAdd(state.indexOfSampleStart(), state.numberOfSampleOut());
@@ -140,13 +154,12 @@ int64_t VTClip::nextSample(void* buffer, int64_t bufferCaps, bool* appendBefore,
         return kEndOfSource;
     }
 
-    bool unusedFlag = false;
-    bool* flag = appendBefore ? appendBefore : &unusedFlag;
+    state.setDeliveredMedia();
     PullTarget target{out, bufferCaps, 0, bufferCaps, 0};
     if (current < startIndex) {
         // The clip begins inside this buffer: only its last frames are written.
         fillSilence(out, bufferCaps, context);
-        *flag = true;
+        flag = brindle::FlagWrite::Set;
         target.position = startIndex - current;
         target.need = bufferCaps - target.position;
     }
@@ -160,7 +173,7 @@ int64_t VTClip::nextSample(void* buffer, int64_t bufferCaps, bool* appendBefore,
         if (read)
             continue;
         // End of the media: the rest is silence, counted as produced.
-        *flag = false;
+        flag = brindle::FlagWrite::Cleared;
         fillSilence(out + target.position * frameBytes, target.need, context);
         target.produced += target.need;
         target.need = 0;

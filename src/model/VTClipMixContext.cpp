@@ -3,6 +3,7 @@
 #include "codec/KRAudioFrame2.h"
 #include "codec/KRResampleContext2.h"
 #include "media/VTDataProvider.h"
+#include "model/ClipFeed.h"
 #include "model/VTFadeInEffect.h"
 #include "model/VTFadeOutEffect.h"
 #include "model/VTVolumeEffect.h"
@@ -19,7 +20,36 @@ VTClipMixContext::VTClipMixContext(int64_t indexOfSampleStart, int64_t timestamp
 {
 }
 
-VTClipMixContext::~VTClipMixContext() = default;
+VTClipMixContext::~VTClipMixContext()
+{
+    stopFeed();
+}
+
+std::shared_ptr<VTClipMixContext> VTClipMixContext::pristineCopy() const
+{
+    auto copy = initWithIndexOfSampleStart(m_indexOfSampleStart, m_timestampOfTrack, m_indexOfSampleStartInDataProvider);
+    copy->setDataProvider(m_dataProvider);
+    copy->m_numberOfSampleOut = m_numberOfSampleOut;
+    copy->m_numberOfSampleOutInDataProvider = m_numberOfSampleOutInDataProvider;
+    return copy;
+}
+
+void VTClipMixContext::setFeed(std::shared_ptr<brindle::ClipFeed> feed, int64_t frames)
+{
+    stopFeed();
+    m_feed = std::move(feed);
+    m_feedFrames = frames;
+    m_feedStartSampleOut = m_numberOfSampleOut;
+    m_feedPullsTaken = 0;
+}
+
+void VTClipMixContext::stopFeed()
+{
+    if (!m_feed)
+        return;
+    m_feed->stop();
+    m_feed.reset();
+}
 
 std::shared_ptr<VTClipMixContext> VTClipMixContext::initWithIndexOfSampleStart(int64_t indexOfSampleStart,
                                                                                int64_t timestampOfTrack,

@@ -18,6 +18,11 @@
 //   made (null when it was missing: the media then reads as no frames), the
 //   media's format, rate and channel count, the scratch buffers of the
 //   converting read, and the gain and fade processors.
+// - A state may carry a feed (brindle::ClipFeed) that computes its clip's
+//   pulls ahead on another state of its own; the counters here then follow
+//   the pulls the mixing thread has taken. Destroying the state stops the
+//   feed. `isPristine` is true until a pull has delivered media (the feed's
+//   own state can then start as a plain copy of this one).
 // - Used by one mixing thread at a time.
 #pragma once
 
@@ -26,6 +31,9 @@
 #include <vector>
 
 class KRResampleContext2;
+namespace brindle {
+class ClipFeed;
+}
 class VTDataProvider;
 class VTFadeInEffect;
 class VTFadeOutEffect;
@@ -81,6 +89,23 @@ public:
     VTFadeInEffect* fadeInEffect(int64_t start, int64_t count, int32_t sampleFormat, int64_t numberOfChannel);
     VTFadeOutEffect* fadeOutEffect(int64_t start, int64_t count, int32_t sampleFormat, int64_t numberOfChannel);
 
+    // A new state at the same place with the same counters and media, sharing
+    // nothing; meaningful only for a pristine state.
+    std::shared_ptr<VTClipMixContext> pristineCopy() const;
+    bool isPristine() const { return m_pristine; }
+    void setDeliveredMedia() { m_pristine = false; }
+
+    // The feed, the block size it computes, the track-axis count where it
+    // began, and how many of its pulls were taken.
+    const std::shared_ptr<brindle::ClipFeed>& feed() const { return m_feed; }
+    int64_t feedFrames() const { return m_feedFrames; }
+    int64_t feedStartSampleOut() const { return m_feedStartSampleOut; }
+    int64_t feedPullsTaken() const { return m_feedPullsTaken; }
+    void setFeed(std::shared_ptr<brindle::ClipFeed> feed, int64_t frames);
+    void countFeedPull() { ++m_feedPullsTaken; }
+    // Stops and drops the feed.
+    void stopFeed();
+
 private:
     int64_t m_timestampOfTrack;
     int64_t m_indexOfSampleStart;
@@ -104,4 +129,10 @@ private:
     bool m_volumeEffectRefused = false;
     std::shared_ptr<VTFadeInEffect> m_fadeInEffect;
     std::shared_ptr<VTFadeOutEffect> m_fadeOutEffect;
+
+    bool m_pristine = true;
+    std::shared_ptr<brindle::ClipFeed> m_feed;
+    int64_t m_feedFrames = 0;
+    int64_t m_feedStartSampleOut = 0;
+    int64_t m_feedPullsTaken = 0;
 };

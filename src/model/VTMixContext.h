@@ -19,6 +19,14 @@
 //   that entry is replaced or removed.
 // - The user info is not thread-safe: one thread uses a context at a time
 //   (hand it over only with a happens-before, e.g. before starting a player).
+// - `convertsAhead` (off unless set before the mix starts): the clips' pulls
+//   are computed ahead of the mix, in parallel, by the global queue's
+//   workers (brindle::ClipFeed), and the mixing thread only takes them and
+//   mixes. The output is the same bytes as without it. Meant for a run whose
+//   pulls all ask for one block size (an export): a clip asked for another
+//   size goes back to pulling on the mixing thread. Clips read their fields
+//   up to a few blocks early, so a run that must follow edits at once
+//   (playback) leaves it off.
 #pragma once
 
 #include <QHash>
@@ -52,6 +60,9 @@ public:
     int64_t numberOfSampleOut() const { return m_numberOfSampleOut.load(); }
     void setNumberOfSampleOut(int64_t count) { m_numberOfSampleOut = count; }
 
+    bool convertsAhead() const { return m_convertsAhead.load(std::memory_order_relaxed); }
+    void setConvertsAhead(bool convertsAhead) { m_convertsAhead.store(convertsAhead, std::memory_order_relaxed); }
+
     void setUserInfo(std::any value, const QString& key);
     // The stored value, or null when absent.
     const std::any* userInfoForKey(const QString& key) const;
@@ -70,5 +81,6 @@ private:
     const int64_t m_bytesPerSample;
     std::atomic<int64_t> m_timestampOfTrackStart{0};
     std::atomic<int64_t> m_numberOfSampleOut{0};
+    std::atomic<bool> m_convertsAhead{false};
     QHash<QString, std::any> m_userInfo;
 };
