@@ -1,5 +1,6 @@
 #include "codec/KRZlibCompression.h"
 
+#include "codec/ZlibStoredStream.h"
 #include "foundation/Log.h"
 
 #include <zlib.h>
@@ -17,24 +18,11 @@ namespace {
 // uncompressed deflate blocks keeps 100 % at memory speed. Digital silence
 // and long runs are the exception: the run-length strategy shrinks silence
 // to under 1 %. So a buffer in which many bytes repeat their predecessor is
-// run-length coded, and any other is stored. Either way the output is an
-// ordinary zlib stream that inflates to the same bytes.
-constexpr int kStoredLevel = Z_NO_COMPRESSION;
+// run-length coded by zlib, and any other is stored, written here straight
+// from the input (zlib's set-up for a stream costs more than storing a
+// frame). Either way the output is an ordinary zlib stream that inflates to
+// the same bytes.
 constexpr int kRunLengthLevel = Z_BEST_SPEED;
-// Run-length coding pays when at least this share (1/8) of the bytes repeat
-// the byte before them.
-constexpr qsizetype kRunShareDivisor = 8;
-
-// The number of bytes equal to the byte before them.
-qsizetype repeatedBytes(const QByteArray& data)
-{
-    const auto* bytes = reinterpret_cast<const unsigned char*>(data.constData());
-    qsizetype repeated = 0;
-    for (qsizetype i = 1; i < data.size(); ++i)
-        repeated += bytes[i] == bytes[i - 1];
-    return repeated;
-}
-
 constexpr int kWindowBits = 15;
 constexpr int kMemoryLevel = 8;
 
@@ -50,9 +38,28 @@ uInt chunkOf(qsizetype remaining)
 
 QByteArray KRZlibCompression::zlibCompressionCompress(const QByteArray& data)
 {
-    const bool runLength = repeatedBytes(data) * kRunShareDivisor >= data.size();
-    const int level = runLength ? kRunLengthLevel : kStoredLevel;
-    const int strategy = runLength ? Z_RLE : Z_DEFAULT_STRATEGY;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(data.constData());
+    const auto size = size_t(data.size());
+    if (brindle::zlibstored::prefersRunLength(brindle::zlibstored::repeatedBytes(bytes, size), size))
+        return runLengthCoded(data);
+    // Beyond one chunk zlib would be fed in pieces, and then lay out its
+    // blocks otherwise: such a buffer is stored by zlib itself.
+    if (data.size() > kMaximumChunk)
+        return deflated(data, Z_NO_COMPRESSION, Z_DEFAULT_STRATEGY);
+    QByteArray out(qsizetype(brindle::zlibstored::StoredStream::streamSize(size)), Qt::Uninitialized);
+    brindle::zlibstored::StoredStream stream(out.data(), size);
+    stream.append(bytes, size);
+    stream.finish();
+    return out;
+}
+
+QByteArray KRZlibCompression::runLengthCoded(const QByteArray& data)
+{
+    return deflated(data, kRunLengthLevel, Z_RLE);
+}
+
+QByteArray KRZlibCompression::deflated(const QByteArray& data, int level, int strategy)
+{
     z_stream stream{};
     if (deflateInit2(&stream, level, Z_DEFLATED, kWindowBits, kMemoryLevel, strategy) != Z_OK) {
         brindle::log(QStringLiteral("zlib: cannot start compression"));

@@ -103,13 +103,20 @@ bool VTDataBuffer::appendHeldToFile() const
 
 bool VTDataBuffer::writeDataBuffer(const QByteArray& bytes)
 {
-    if (m_cacheDataBuffer.size() + bytes.size() <= kMaximumHeldBytes) {
-        m_cacheDataBuffer.append(bytes);
+    return writeDataBuffer(bytes.constData(), bytes.size());
+}
+
+bool VTDataBuffer::writeDataBuffer(const char* bytes, int64_t length)
+{
+    if (length <= 0)
+        return true;
+    if (m_cacheDataBuffer.size() + length <= kMaximumHeldBytes) {
+        m_cacheDataBuffer.append(bytes, qsizetype(length));
         return true;
     }
     if (!QFileInfo::exists(m_dataBufferFile))
         brindle::cachefile::createIfMissing(m_dataBufferFile);
-    m_cacheDataBuffer.append(bytes);
+    m_cacheDataBuffer.append(bytes, qsizetype(length));
     return appendHeldToFile();
 }
 

@@ -67,6 +67,8 @@ public:
     // Appends bytes to the logical stream. True unless a file write failed
     // (logged), in which case the held bytes of that write are lost.
     bool writeDataBuffer(const QByteArray& bytes);
+    // The same for `length` bytes at `bytes`.
+    bool writeDataBuffer(const char* bytes, int64_t length);
     // Writes the held bytes to the end of the file. False when the write failed (logged).
     bool flushCacheDataBuffer();
     QByteArray readDataBuffer(uint64_t length, uint64_t offset) const;

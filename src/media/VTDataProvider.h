@@ -35,7 +35,9 @@
 //   from the buffer, then "Warning, cache file crashed.") or shorter than the
 //   last row's offset ("Warning, cache file crashed."), and when the format
 //   fields are unusable.
-// - Threads: probing and decoding run on one thread each. Once decoding has
+// - Threads: probing runs on the calling thread; decoding too, while a
+//   writer thread of its own (CacheFileWriter) stores the frames decoded
+//   before, and the progress block is called on the calling thread. Once decoding has
 //   returned, the table is never changed, so any number of threads may read
 //   at once; each read opens the cache file for itself and reads by position.
 //   `sampleOffset` is atomic. No read may run while the provider decodes.

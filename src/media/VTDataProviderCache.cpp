@@ -8,6 +8,7 @@
 #include "codec/KRZlibCompression.h"
 #include "foundation/Log.h"
 #include "foundation/Paths.h"
+#include "media/CacheFileWriter.h"
 #include "media/VTCacheMgr.h"
 
 #include <QFileInfo>
@@ -135,7 +136,6 @@ void logDamagedRecord(const QString& cacheFile, const VTAudioFrameInfo& row, con
 
 bool VTDataProvider::startParserWithBlock(const ProgressBlock& block)
 {
-    FrameTable table;
     const VTCacheMgr cacheMgr(brindle::SearchDirectory::ApplicationSupport);
     const QString cacheFile = cacheMgr.reserveUniformPathWithName(
         nameWithoutExtension(mediaPath()), QLatin1String(kCacheFileExtensionForDecode), QString());
@@ -152,9 +152,9 @@ bool VTDataProvider::startParserWithBlock(const ProgressBlock& block)
         demuxer->disableVideoStream(true);
         frame = demuxer->decodeNextAudioFrame();
     }
+    // This thread decodes; the writer stores the frames decoded before.
+    CacheFileWriter writer(*m_dataBuffer);
     ProgressReporter progress(block, m_duration, m_samplerate);
-    bool written = true;
-    int64_t offset = 0;
     int64_t index = 0;
     while (frame) {
         if (frame->sampleFormat() != m_sampleFormat || frame->numberOfChannel() != m_numberOfChannel) {
@@ -163,23 +163,17 @@ bool VTDataProvider::startParserWithBlock(const ProgressBlock& block)
                              .arg(index));
             break;
         }
-        const QByteArray record =
-            KRZlibCompression::zlibCompressionCompress(brindle::KeyedArchiver::archivedDataWithRootObject(*frame));
-        if (record.isEmpty() || !m_dataBuffer->writeDataBuffer(record)) {
-            written = false;
+        index += int64_t(frame->numberOfSamples());
+        if (!writer.push(std::move(frame)))
             break;
-        }
-        const int64_t samples = int64_t(frame->numberOfSamples());
-        table.push_back(VTAudioFrameInfo::initWithOffset(offset, record.size(), index, samples));
-        index += samples;
         frame = demuxer->decodeNextAudioFrame();
         progress.decodedUpTo(index);
-        offset += record.size();
     }
-    written = m_dataBuffer->flushCacheDataBuffer() && written;
-    table.push_back(VTAudioFrameInfo::endMarker(offset, index));
+    CacheFileWriter::Result stored = writer.finish();
+    FrameTable table = std::move(stored.rows);
+    table.push_back(VTAudioFrameInfo::endMarker(stored.offset, stored.index));
     setFinishedTable(std::move(table));
-    return written;
+    return stored.written;
 }
 
 void VTDataProvider::setFinishedTable(FrameTable table)

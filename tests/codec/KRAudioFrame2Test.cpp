@@ -3,7 +3,9 @@
 // the record reader and by the generic unarchiver.
 #include "codec/KRAudioFrame2.h"
 #include "codec/KRAudioFrameRecord.h"
+#include "codec/KRAudioFrameRecordWriter.h"
 #include "codec/KRZlibCompression.h"
+#include "codec/ZlibStoredStream.h"
 #include "foundation/KeyedCoding.h"
 
 #include <gtest/gtest.h>
@@ -291,4 +293,60 @@ TEST(KRAudioFrameRecord, everyDamagedRecordIsRefusedOrReadExactlyAsTheGenericPat
         }
         EXPECT_LT(accepted, 4) << silent;
     }
+}
+
+// The writer gives exactly the record of the generic path (archive, then
+// compression) for every frame: several formats and shapes, more shapes than
+// it keeps framings for, silence, and runs of repeated bytes growing across
+// the share at which compression switches to run-length coding. Only the
+// run-length coded records are made the generic way.
+TEST(KRAudioFrameRecord, theWriterMakesExactlyTheGenericRecordOfEveryFrame)
+{
+    std::vector<std::shared_ptr<KRAudioFrame2>> frames;
+    std::mt19937 random(9);
+    auto frameOf = [&](int32_t format, int64_t channels, int64_t rate, int32_t samples) {
+        QByteArray bytes(qsizetype(samples * channels * KRAudioFrame2::bytesForSampleFormat(format)), '\0');
+        for (char& byte : bytes)
+            byte = char(random());
+        return KRAudioFrame2::initWithSampleFormat(format, channels, rate, samples, bytes);
+    };
+    for (int round = 0; round < 2; ++round) {
+        frames.push_back(frameOf(3, 2, 44100, 1152));
+        frames.push_back(frameOf(3, 2, 44100, 1152));
+        frames.push_back(frameOf(1, 1, 8000, 1));
+        frames.push_back(frameOf(0, 6, 22050, 300));
+        frames.push_back(frameOf(4, 2, 96000, 5000));
+        frames.push_back(frameOf(2, 3, 48000, 1152));
+        frames.push_back(stereoFrame(1152, true));
+        frames.push_back(frameOf(3, 2, 44100, 47));
+    }
+    // The first and last sample bytes repeat the archive bytes next to them,
+    // so that the count reaches the share exactly with those two repeats.
+    for (int run = 0; run < 256; ++run) {
+        const auto frame = frameOf(1, 2, 44100, 64);
+        QByteArray bytes = frame->dataOfPackedSamples();
+        const QByteArray archive = brindle::KeyedArchiver::archivedDataWithRootObject(*frame);
+        const qsizetype at = archive.indexOf(bytes);
+        ASSERT_GT(at, 0);
+        bytes[0] = archive[at - 1];
+        bytes[bytes.size() - 1] = archive[at + bytes.size()];
+        for (int i = 2; i < run; ++i)
+            bytes[i] = bytes[1];
+        frames.push_back(KRAudioFrame2::initWithSampleFormat(1, 2, 44100, 64, bytes));
+    }
+
+    KRAudioFrameRecordWriter writer;
+    std::vector<char> record;
+    uint64_t runLengthCoded = 0;
+    for (const auto& frame : frames) {
+        ASSERT_TRUE(frame);
+        const QByteArray expected = recordOf(*frame);
+        const auto archived = size_t(brindle::KeyedArchiver::archivedDataWithRootObject(*frame).size());
+        runLengthCoded += size_t(expected.size()) != brindle::zlibstored::StoredStream::streamSize(archived);
+        ASSERT_TRUE(writer.write(*frame, record));
+        ASSERT_EQ(QByteArray(record.data(), qsizetype(record.size())), expected)
+            << frame->sampleFormat() << " " << frame->numberOfChannel() << " " << frame->numberOfSamples();
+    }
+    EXPECT_GT(runLengthCoded, 10u);
+    EXPECT_EQ(writer.genericRecords(), runLengthCoded);
 }

@@ -1,5 +1,6 @@
 #include "codec/Adler32.h"
 #include "codec/KRZlibCompression.h"
+#include "codec/ZlibStoredStream.h"
 
 #include "support/TestMedia.h"
 
@@ -7,6 +8,7 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <vector>
 
 namespace {
@@ -90,4 +92,71 @@ TEST(KRZlibCompression, refusesDamagedTruncatedTrailingGarbageAndOversizedStream
     EXPECT_LT(bomb.size(), 2 << 20);
     EXPECT_FALSE(KRZlibCompression::zlibCompressionUncompress(bomb, 1 << 20));
     EXPECT_FALSE(KRZlibCompression::zlibCompressionUncompress(bomb));
+}
+
+namespace {
+
+// zlib's own deflate of the whole buffer in one call, as compression used to
+// call it for every buffer.
+QByteArray zlibDeflate(const QByteArray& input, int level, int strategy)
+{
+    z_stream stream{};
+    EXPECT_EQ(deflateInit2(&stream, level, Z_DEFLATED, 15, 8, strategy), Z_OK);
+    QByteArray out(qsizetype(deflateBound(&stream, uLong(input.size()))), '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.constData()));
+    stream.avail_in = uInt(input.size());
+    stream.next_out = reinterpret_cast<Bytef*>(out.data());
+    stream.avail_out = uInt(out.size());
+    EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+    out.truncate(qsizetype(stream.total_out));
+    deflateEnd(&stream);
+    return out;
+}
+
+}  // namespace
+
+// Stored streams are written without zlib: they must be zlib's level-0
+// output byte for byte, at every block boundary; buffers where one byte in
+// eight repeats its predecessor go to zlib's run-length coding, one repeat
+// fewer does not.
+TEST(KRZlibCompression, storesExactlyAsZlibDoesAndRunLengthCodesFromOneRepeatInEight)
+{
+    for (qsizetype size : {0, 1, 2, 31, 32, 33, 100, 4095, 9216, 32767, 32768, 65534, 65535, 65536, 65537, 131070,
+                           131071, 200003}) {
+        const QByteArray input = noise(size, uint32_t(size) + 1);
+        // (An empty buffer has no bytes that fail to repeat: it is run-length coded.)
+        ASSERT_EQ(KRZlibCompression::zlibCompressionCompress(input),
+                  size == 0 ? zlibDeflate(input, Z_BEST_SPEED, Z_RLE) : zlibDeflate(input, 0, Z_DEFAULT_STRATEGY))
+            << size;
+        // The same stream from pieces that cross the block boundaries.
+        std::vector<char> pieces(brindle::zlibstored::StoredStream::streamSize(size_t(size)));
+        brindle::zlibstored::StoredStream stream(pieces.data(), size_t(size));
+        for (qsizetype at = 0; at < size; at += 40000)
+            stream.append(input.constData() + at, size_t(std::min<qsizetype>(40000, size - at)));
+        ASSERT_TRUE(stream.finish());
+        EXPECT_EQ(QByteArray(pieces.data(), qsizetype(pieces.size())), zlibDeflate(input, 0, Z_DEFAULT_STRATEGY)) << size;
+    }
+
+    // Noise bytes repeat their predecessor about once in 256: a repeated run
+    // at the start brings the count to an exact share.
+    for (qsizetype size : {64, 1000, 9219}) {
+        QByteArray input = noise(size, 5);
+        const auto* bytes = reinterpret_cast<const unsigned char*>(input.constData());
+        size_t scalar = 0;
+        for (qsizetype i = 1; i < size; ++i)
+            scalar += bytes[i] == bytes[i - 1];
+        ASSERT_EQ(brindle::zlibstored::repeatedBytes(bytes, size_t(size)), scalar) << size;
+        for (qsizetype run = 1; run < size; ++run) {
+            input[run] = input[0];
+            const size_t repeated = brindle::zlibstored::repeatedBytes(bytes, size_t(size));
+            if (repeated * 8 < size_t(size) - 8)
+                continue;
+            const bool runLength = repeated * 8 >= size_t(size);
+            EXPECT_EQ(KRZlibCompression::zlibCompressionCompress(input),
+                      runLength ? zlibDeflate(input, Z_BEST_SPEED, Z_RLE) : zlibDeflate(input, 0, Z_DEFAULT_STRATEGY))
+                << size << " with " << repeated << " repeats";
+            if (runLength)
+                break;
+        }
+    }
 }

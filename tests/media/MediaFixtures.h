@@ -3,8 +3,12 @@
 // frame table and legacy fields.
 #pragma once
 
+#include "codec/KRAudioFrame2.h"
+#include "codec/KRDemuxerContext.h"
 #include "media/VTDataProvider.h"
 #include "support/TestMedia.h"
+
+#include <zlib.h>
 
 #include <QUrl>
 
@@ -69,6 +73,38 @@ inline QString checkRead(const VTDataProvider& provider, const QByteArray& refer
     if (std::any_of(buffer.begin() + ptrdiff_t(bytes), buffer.end(), [](char c) { return c != kGuard; }))
         return where + QStringLiteral("wrote beyond the samples it reported");
     return QString();
+}
+
+// The cache file that decoding `path` must write, computed here with zlib
+// itself: every decoded frame's keyed archive, run-length coded (level 1,
+// Z_RLE) when at least one byte in eight repeats its predecessor, else
+// stored (level 0), the records one after the other.
+inline QByteArray cacheFileOfDecode(const QString& path)
+{
+    auto demuxer = KRDemuxerContext::initWithFilename(path);
+    if (!demuxer)
+        return {};
+    demuxer->disableVideoStream(true);
+    QByteArray file;
+    while (const auto frame = demuxer->decodeNextAudioFrame()) {
+        const QByteArray archive = KeyedArchiver::archivedDataWithRootObject(*frame);
+        qsizetype repeated = 0;
+        for (qsizetype i = 1; i < archive.size(); ++i)
+            repeated += archive[i] == archive[i - 1];
+        const bool runLength = repeated * 8 >= archive.size();
+        z_stream stream{};
+        deflateInit2(&stream, runLength ? 1 : 0, Z_DEFLATED, 15, 8, runLength ? Z_RLE : Z_DEFAULT_STRATEGY);
+        QByteArray record(qsizetype(deflateBound(&stream, uLong(archive.size()))), '\0');
+        stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(archive.constData()));
+        stream.avail_in = uInt(archive.size());
+        stream.next_out = reinterpret_cast<Bytef*>(record.data());
+        stream.avail_out = uInt(record.size());
+        deflate(&stream, Z_FINISH);
+        record.truncate(qsizetype(stream.total_out));
+        deflateEnd(&stream);
+        file += record;
+    }
+    return file;
 }
 
 // A provider's frame table as comparable rows: offset, length, index, count.

@@ -3,6 +3,7 @@
 #include "MediaFixtures.h"
 #include "foundation/Paths.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QSet>
 
@@ -36,6 +37,8 @@ const MediaCase kMediaCases[] = {
     {"M4a", [](TestMedia& m) { return m.m4a(); }},
     {"Flac", [](TestMedia& m) { return m.flac(ToneSpec{1, 32000, 40000}); }},
     {"OggVorbis", [](TestMedia& m) { return m.oggVorbis(); }},
+    // Silence: its records are run-length coded.
+    {"WavSilence", [](TestMedia& m) { return m.wav(1, ToneSpec{2, 44100, 30000, 1, 0.0, 0.0}); }},
 };
 
 class VTDataProviderDecodeTest : public testing::TestWithParam<MediaCase> {};
@@ -73,6 +76,10 @@ TEST_P(VTDataProviderDecodeTest, cacheTableAndEveryReadMatchFfmpegsDecode)
         index += table[i]->numberOfSamples();
     }
     EXPECT_EQ(offset, end.offsetOfBuffer());
+    // The file holds exactly the records of the frames in stream order.
+    QFile cacheFile(provider.cachePathFile());
+    ASSERT_TRUE(cacheFile.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(cacheFile.readAll() == cacheFileOfDecode(path));
 
     std::vector<std::pair<uint64_t, uint64_t>> edges = {
         {0, 1}, {0, total}, {total - 1, 1}, {total - 1, 50}, {total, 1}, {total + 5, 10}, {0, total * 3},
