@@ -295,7 +295,7 @@ TEST_F(PlaybackTest, editingTheProjectWhilePlayingIsSafe)
         switch (edits++ % 6) {
         case 0: project.cut(); break;
         case 1: project.paste(); break;
-        case 2: project.delete_(); break;
+        case 2: project.setSelections(some.mid(0, 1)), project.delete_(); break;
         case 3: project.moveLeftWithDelta(static_cast<int64_t>(random() % 200)); break;
         case 4: project.moveRightWithDelta(static_cast<int64_t>(random() % 200)); break;
         default:
