@@ -146,7 +146,7 @@ TEST_F(ImportExportTest, ExportWritesWhatTheCommandLineRendersForTheSameDocument
     trigger(window().actions().importFile);
     BRINDLE_WAIT_TRUE(project()->numberOfTracks() == 1);
     onlyClipOfTrack(0)->setEnableFadeIn(true);
-    onlyClipOfTrack(0)->setVolume(0.7);
+    onlyClipOfTrack(0)->setVolume(0.75);  // exact in the document's single-precision field
     const QString folder = scratch();
     const QString document = folder + QStringLiteral("/Mix.loomwick");
     auto save = chooseFileWhenShown(QStringLiteral("savePanel"), document);
