@@ -86,11 +86,11 @@ void VTPlaybackController::startPlay()
     m_session.reset();
 
     const std::shared_ptr<VTProject> project = m_host.playbackProject();
-    const int64_t position = project ? project->timePosition() : 0;
     if (!project) {
-        brindle::logf("Failed to play at %lld", static_cast<long long>(position));
+        brindle::log(QStringLiteral("Failed to play at 0"));
         return;
     }
+    const int64_t position = project->timePosition();
     auto context = VTMixContext::initWithSamplerate(VTAudioPlayCtrl::defaultSamplerate(),
                                                     VTAudioPlayCtrl::defaultNumberOfChannel(),
                                                     VTAudioPlayCtrl::defaultSampleFormat());
