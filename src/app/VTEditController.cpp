@@ -230,11 +230,8 @@ void VTEditController::moveRight()
 
 void VTEditController::splitClk()
 {
-    VTPlaybackController& playback = m_app.playback();
-    if (playback.state() == 2) {
-        playback.audioPlayerCtrl().stop();
-        m_app.setPlayButtonImage(QStringLiteral("play"));
-    }
+    // Stops a playing mix and shows "play" (a paused one stays paused).
+    m_app.playback().stopAudioPlay();
     auto command = KRCommand::addCommandWithContext(this);
     command->beginExcute();
     const auto project = m_app.project();

@@ -12,6 +12,7 @@
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QIcon>
+#include <QTimer>
 
 #include <cstdio>
 
@@ -62,5 +63,8 @@ int main(int argc, char** argv)
         appDelegate.applicationOpenFile(files.constFirst());
     appDelegate.applicationDidFinishLaunching();
     appDelegate.window()->show();
+    // Setting up the audio output takes a moment; do it now rather than at
+    // the first press of play.
+    QTimer::singleShot(0, &appDelegate, [&appDelegate] { appDelegate.playback().audioPlayerCtrl(); });
     return QApplication::exec();
 }
