@@ -3,6 +3,7 @@
 #include "timeline/VTTimelineView.h"
 
 #include "timeline/KRGLUImage.h"
+#include "timeline/VTTimelineClipBatch.h"
 #include "timeline/VTTimelineGLWidget.h"
 #include "timeline/VTTimelineTextCache.h"
 #include "timeline/VTWaveCache.h"
@@ -12,6 +13,7 @@
 #include <QMouseEvent>
 #include <QOpenGLContext>
 #include <QScrollBar>
+#include <QTimer>
 #include <QWheelEvent>
 
 #include <algorithm>
@@ -36,6 +38,9 @@ constexpr uint64_t kMaxDurationPerPixel = 300;
 // Pixels per scroll-bar step, and steps per wheel notch.
 constexpr int kScrollStep = 20;
 constexpr int kStepsPerNotch = 3;
+// While waveform points stream in, the view shows them at most this often
+// (milliseconds), so that redraws do not take the time the points need.
+constexpr int kWaveformRedrawInterval = 40;
 
 int scrollRange(double documentLength, int visibleLength)
 {
@@ -46,7 +51,9 @@ int scrollRange(double documentLength, int visibleLength)
 }  // namespace
 
 VTTimelineView::VTTimelineView(QWidget* parent) :
-    QAbstractScrollArea(parent), m_textCache(std::make_unique<VTTimelineTextCache>())
+    QAbstractScrollArea(parent),
+    m_textCache(std::make_unique<VTTimelineTextCache>()),
+    m_clipBatch(std::make_unique<brindle::timeline::VTTimelineClipBatch>())
 {
     m_glWidget = new VTTimelineGLWidget(this);
     setViewport(m_glWidget);
@@ -246,6 +253,17 @@ void VTTimelineView::registerForDraggedTypes(const QStringList& types)
 void VTTimelineView::markForRedraw()
 {
     viewport()->update();
+}
+
+void VTTimelineView::markWaveformsForRedraw()
+{
+    if (m_waveformRedrawPending)
+        return;
+    m_waveformRedrawPending = true;
+    QTimer::singleShot(kWaveformRedrawInterval, this, [this] {
+        m_waveformRedrawPending = false;
+        markForRedraw();
+    });
 }
 
 // --- Waveform caches ----------------------------------------------------

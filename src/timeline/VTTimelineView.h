@@ -38,6 +38,7 @@
 #include <memory>
 #include <optional>
 #include <utility>
+#include <vector>
 
 class KRGLUImage;
 class QMimeData;
@@ -45,6 +46,9 @@ class QSurfaceFormat;
 class QOpenGLWidget;
 class VTTimelineGLWidget;
 class VTTimelineTextCache;
+namespace brindle::timeline {
+class VTTimelineClipBatch;
+}
 class VTWaveCache;
 
 class VTTimelineView : public QAbstractScrollArea {
@@ -163,6 +167,8 @@ private:
     void updateCursorTrackingArea();
     bool acceptsFirstResponder() const { return true; }
     void markForRedraw();
+    // A redraw for newly arrived waveform points, at most one per interval.
+    void markWaveformsForRedraw();
     // Runs `work` with the viewport's context current (when it has one), for
     // freeing GL names outside a paint.
     void withGLContext(const std::function<void()>& work);
@@ -170,12 +176,24 @@ private:
     // (called with that context current).
     void releaseGLResources();
 
+    // A clip of the redraw under way, with its box and track.
+    struct VisibleClip {
+        std::shared_ptr<VTTimelineClip> clip;
+        QRectF box;
+        uint64_t track = 0;
+    };
+
     // --- VTTimelineViewDrawing.cpp: drawing, with the viewport's context current.
     static QSurfaceFormat defaultPixelFormat();
     // Viewport and projection over the visible rectangle (GL = document coordinates).
     void reshape();
     KRGLUImage* cursorImage();
     void drawRect(const QRectF& dirtyRect);
+    // The clips whose boxes meet the dirty rectangle, in drawing order.
+    void collectVisibleClips(const QRectF& dirtyRect);
+    // Fills lane `track` within `fill`, leaving out the opaque middles of its
+    // visible clip bodies (drawn over it anyway).
+    void fillLaneAroundClips(uint64_t track, const QRectF& fill);
     void drawTrackBackground(const QRectF& dirtyRect);
     void drawClips(const QRectF& dirtyRect);
     void drawClip(const std::shared_ptr<VTTimelineClip>& clip, const QRectF& withBounds, const QRectF& dirtyRect);
@@ -185,6 +203,8 @@ private:
     void drawTicksmark(const QRectF& dirtyRect);
     void drawPositionCursor(const QRectF& dirtyRect);
     static void roundRect(const QRectF& rect, double radius, bool needFill);
+    // Draws the clips collected so far, layer by layer, then their selection outlines.
+    void flushClipBatch();
     // The clip's waveform cache, made, re-requested or rendered as its
     // visible stretch needs; null when the clip has none.
     VTWaveCache* waveCacheForDrawing(const std::shared_ptr<VTTimelineClip>& clip, int64_t visibleStart,
@@ -233,6 +253,10 @@ private:
     bool m_cursorImageLoaded = false;
     QHash<QString, std::shared_ptr<VTWaveCache>> m_clipsCaches;
     std::unique_ptr<VTTimelineTextCache> m_textCache;
+    // The clips of the redraw under way (drawClip adds to it).
+    std::unique_ptr<brindle::timeline::VTTimelineClipBatch> m_clipBatch;
+    std::vector<VisibleClip> m_visibleClips;
     DragState m_drag;
+    bool m_waveformRedrawPending = false;
     VTTimelineGLWidget* m_glWidget = nullptr;
 };

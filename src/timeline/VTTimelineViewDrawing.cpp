@@ -7,6 +7,7 @@
 #include "timeline/GLSupport.h"
 #include "timeline/KRGLUImage.h"
 #include "timeline/KRGLUString.h"
+#include "timeline/VTTimelineClipBatch.h"
 #include "timeline/VTTimelineGLWidget.h"
 #include "timeline/VTTimelineRuler.h"
 #include "timeline/VTTimelineTextCache.h"
@@ -19,7 +20,6 @@
 #include <QSurfaceFormat>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 
 namespace {
@@ -29,14 +29,13 @@ constexpr double kLaneHeight = 68;
 constexpr double kLanePitch = 69;
 constexpr double kClipRadius = 8;
 constexpr double kTitleInset = 8;
-// The angle step of the rounded corners, with π as the system has always taken it.
-constexpr double kPi = 3.1415926;
-constexpr double kArcStep = kPi / 80;
-constexpr int kArcVertices = 41;
+constexpr double kSelectionWidth = 2;
 
-struct Colour {
-    float red, green, blue, alpha;
-};
+using brindle::timeline::Colour;
+using brindle::timeline::Corner;
+using brindle::timeline::enableBlending;
+using brindle::timeline::forEachArcPoint;
+
 constexpr Colour grey(int value, float alpha = 1)
 {
     return {value / 255.0f, value / 255.0f, value / 255.0f, alpha};
@@ -55,46 +54,9 @@ constexpr Colour kCursorBandColour = {1, 1, 1, 0.2f};
 constexpr Colour kCursorLineColour = {227 / 255.0f, 11 / 255.0f, 32 / 255.0f, 1};
 constexpr Colour kRubberBandColour = {1, 1, 0, 1};
 
-// cos and sin of π − j × step, j = 0…160: the four quarter circles of a
-// rounded rectangle, clockwise from the left point, share one table.
-struct ArcTable {
-    std::array<double, 4 * (kArcVertices - 1) + 1> cosine{};
-    std::array<double, 4 * (kArcVertices - 1) + 1> sine{};
-    ArcTable()
-    {
-        for (size_t j = 0; j < cosine.size(); ++j) {
-            cosine[j] = std::cos(kPi - double(j) * kArcStep);
-            sine[j] = std::sin(kPi - double(j) * kArcStep);
-        }
-    }
-};
-const ArcTable& arcs()
-{
-    static const ArcTable table;
-    return table;
-}
-
-enum Corner { kTopLeft = 0, kTopRight = 1, kBottomRight = 2, kBottomLeft = 3 };
-
 void setColour(QOpenGLFunctions_2_1* gl, const Colour& colour)
 {
     gl->glColor4f(colour.red, colour.green, colour.blue, colour.alpha);
-}
-
-// Source-alpha blending of the colour; the frame's alpha stays opaque.
-void enableBlending(QOpenGLFunctions_2_1* gl)
-{
-    gl->glEnable(GL_BLEND);
-    gl->glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
-}
-
-// One quarter circle of 41 vertices around (cx, cy), clockwise.
-void arcVertices(QOpenGLFunctions_2_1* gl, Corner corner, double cx, double cy, double radius)
-{
-    const ArcTable& table = arcs();
-    const size_t first = size_t(corner) * (kArcVertices - 1);
-    for (size_t k = 0; k < kArcVertices; ++k)
-        gl->glVertex2d(cx + radius * table.cosine[first + k], cy + radius * table.sine[first + k]);
 }
 
 void fillRect(QOpenGLFunctions_2_1* gl, const QRectF& rect)
@@ -212,6 +174,7 @@ void VTTimelineView::drawRect(const QRectF& dirtyRect)
     gl->glClearColor(kClearColour.red, kClearColour.green, kClearColour.blue, 1);
     gl->glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
 
+    collectVisibleClips(dirtyRect);
     drawTrackBackground(dirtyRect);
     drawClips(dirtyRect);
     drawTicksmark(dirtyRect);
@@ -244,6 +207,28 @@ static std::pair<uint64_t, uint64_t> laneRange(double documentTop, const QRectF&
     return {uint64_t(std::max(first, 0.0)), uint64_t(std::min(last, lastLane))};
 }
 
+void VTTimelineView::collectVisibleClips(const QRectF& dirtyRect)
+{
+    m_visibleClips.clear();
+    if (!m_dataSource)
+        return;
+    const uint64_t tracks = m_dataSource->numberOfTracks(this);
+    if (tracks == 0)
+        return;
+    const auto [first, last] = laneRange(bounds().height(), dirtyRect, tracks);
+    for (uint64_t track = first; track <= last && first <= last; ++track) {
+        const uint64_t count = m_dataSource->numberOfClips(this, track);
+        for (uint64_t index = 0; index < count; ++index) {
+            std::shared_ptr<VTTimelineClip> clip = m_dataSource->clipAtIndex(index, track, this);
+            if (!clip)
+                continue;
+            const QRectF box = boundsOfClip(*clip, track);
+            if (box.intersects(dirtyRect))
+                m_visibleClips.push_back(VisibleClip{std::move(clip), box, track});
+        }
+    }
+}
+
 void VTTimelineView::drawTrackBackground(const QRectF& dirtyRect)
 {
     QOpenGLFunctions_2_1* gl = brindle::gl::legacyGL();
@@ -252,105 +237,125 @@ void VTTimelineView::drawTrackBackground(const QRectF& dirtyRect)
     for (uint64_t lane = first; lane <= last && first <= last; ++lane) {
         const QRectF fill = boundsOfTrack(lane).intersected(dirtyRect);
         if (!fill.isEmpty())
-            fillRect(gl, fill);
+            fillLaneAroundClips(lane, fill);
     }
+}
+
+void VTTimelineView::fillLaneAroundClips(uint64_t track, const QRectF& fill)
+{
+    QOpenGLFunctions_2_1* gl = brindle::gl::legacyGL();
+    // The opaque middles of this lane's bodies, as x spans; all share one height.
+    std::vector<std::pair<double, double>> middles;
+    double low = 0, high = 0;
+    for (const VisibleClip& visible : m_visibleClips) {
+        if (visible.track != track)
+            continue;
+        const QRectF& box = visible.box;
+        const double radius = brindle::timeline::VTTimelineClipBatch::bodyRadius(box);
+        const double from = box.x() + radius, to = box.x() + box.width() - radius;
+        if (to > from)
+            middles.emplace_back(from, to);
+        low = box.y();
+        high = box.y() + box.height();
+    }
+    if (middles.empty()) {
+        fillRect(gl, fill);
+        return;
+    }
+    const double left = fill.x(), right = fill.x() + fill.width();
+    const double bottom = fill.y(), top = fill.y() + fill.height();
+    // Below and above the bodies, the whole width.
+    if (bottom < low)
+        gl->glRectd(left, bottom, right, std::min(low, top));
+    if (top > high)
+        gl->glRectd(left, std::max(high, bottom), right, top);
+    const double bandLow = std::max(low, bottom), bandHigh = std::min(high, top);
+    if (bandHigh <= bandLow)
+        return;
+    // Beside them, the gaps between the merged spans.
+    std::sort(middles.begin(), middles.end());
+    double x = left;
+    for (const auto& [from, to] : middles) {
+        if (from > x)
+            gl->glRectd(x, bandLow, std::min(from, right), bandHigh);
+        x = std::max(x, to);
+        if (x >= right)
+            return;
+    }
+    gl->glRectd(x, bandLow, right, bandHigh);
 }
 
 void VTTimelineView::drawClips(const QRectF& dirtyRect)
 {
     if (!m_dataSource)
         return;
-    const uint64_t tracks = m_dataSource->numberOfTracks(this);
-    if (tracks == 0)
-        return;
-    QOpenGLFunctions_2_1* gl = brindle::gl::legacyGL();
-    const auto [first, last] = laneRange(bounds().height(), dirtyRect, tracks);
-    for (uint64_t track = first; track <= last && first <= last; ++track) {
-        const uint64_t count = m_dataSource->numberOfClips(this, track);
-        for (uint64_t index = 0; index < count; ++index) {
-            const std::shared_ptr<VTTimelineClip> clip = m_dataSource->clipAtIndex(index, track, this);
-            if (!clip)
-                continue;
-            const QRectF box = boundsOfClip(*clip, track);
-            if (!box.intersects(dirtyRect))
-                continue;
-            drawClip(clip, box, dirtyRect);
-            if (m_dataSource->selectedClip(clip->identifier(), this)) {
-                setColour(gl, kSelectionColour);
-                gl->glLineWidth(2);
-                roundRect(box, kClipRadius, false);
-                gl->glLineWidth(1);
-            }
-        }
+    m_clipBatch->clear();
+    for (const VisibleClip& visible : m_visibleClips) {
+        // A clip drawn over another one waits until those before it are drawn.
+        const QRectF area = visible.box.adjusted(-kSelectionWidth, -kSelectionWidth, kSelectionWidth, kSelectionWidth);
+        if (m_clipBatch->overlaps(area))
+            flushClipBatch();
+        m_clipBatch->addArea(area);
+        drawClip(visible.clip, visible.box, dirtyRect);
+        if (m_dataSource->selectedClip(visible.clip->identifier(), this))
+            m_clipBatch->addSelection(visible.box);
     }
+    flushClipBatch();
+}
+
+void VTTimelineView::flushClipBatch()
+{
+    QOpenGLFunctions_2_1* gl = brindle::gl::legacyGL();
+    if (!gl)
+        return;
+    m_clipBatch->flush(gl);
+    setColour(gl, kSelectionColour);
+    gl->glLineWidth(kSelectionWidth);
+    for (const QRectF& box : m_clipBatch->selections())
+        roundRect(box, kClipRadius, false);
+    gl->glLineWidth(1);
+    m_clipBatch->clear();
 }
 
 void VTTimelineView::drawClip(const std::shared_ptr<VTTimelineClip>& clip, const QRectF& withBounds,
                               const QRectF& dirtyRect)
 {
-    QOpenGLFunctions_2_1* gl = brindle::gl::legacyGL();
     drawClipBackgroundWithBounds(withBounds, dirtyRect);
 
     const QRectF visible = rectForDrawWithBounds(withBounds, dirtyRect);
     const int64_t start = std::max(timestampWithPixel(visible.x()), clip->timestampsOfTrack());
     const int64_t length = std::min(timestampWithPixel(visible.width()), clip->durationOfTrack());
     const int64_t mediaStart = start - clip->timestampsOfTrack() + clip->timestampsOfDataProvider();
-    if (VTWaveCache* cache = waveCacheForDrawing(clip, start, length); cache && cache->textureWidth() > 0) {
+    VTWaveCache* cache = waveCacheForDrawing(clip, start, length);
+    const auto [inkLow, inkHigh] = cache ? cache->inkedRows() : std::pair<double, double>();
+    if (cache && cache->textureWidth() > 0 && cache->textureHeight() > 0 && inkHigh > inkLow) {
         const double width = double(cache->textureWidth());
         const double s0 = pixelWithTimestamp(mediaStart - cache->timestampsOfDataProvider()) / width;
-        drawTexturedQuad(gl, cache->textureID(), visible, s0, s0 + visible.width() / width);
+        // The texture spans the box's height; only its inked rows are drawn
+        // (the rest is transparent and would change no pixel).
+        const double t0 = inkLow / cache->textureHeight(), t1 = inkHigh / cache->textureHeight();
+        const QRectF inked(visible.x(), visible.y() + visible.height() * t0, visible.width(),
+                           visible.height() * (t1 - t0));
+        m_clipBatch->addWave(cache->textureID(), inked, s0, s0 + visible.width() / width, t0, t1);
     }
 
     drawClipFadeline(*clip, withBounds, dirtyRect);
-    setColour(gl, kOutlineColour);
-    roundRect(withBounds, kClipRadius, false);
+    m_clipBatch->addRoundRectOutline(withBounds, kClipRadius, kOutlineColour);
     drawClipTitle(*clip, withBounds, dirtyRect);
 }
 
 void VTTimelineView::drawClipBackgroundWithBounds(const QRectF& bounds, const QRectF& /*dirtyRect*/)
 {
-    QOpenGLFunctions_2_1* gl = brindle::gl::legacyGL();
-    double radius = kClipRadius;
-    if (bounds.width() < 2 * kClipRadius)
-        radius = bounds.width() / 2;
-    if (bounds.height() < 2 * radius)
-        radius = bounds.height() / 2;
-    const double left = bounds.x(), right = bounds.x() + bounds.width();
-    const double bottom = bounds.y(), top = bounds.y() + bounds.height();
-    enableBlending(gl);
-    gl->glBegin(GL_QUADS);
-    setColour(gl, kBodyBottomColour);
-    gl->glVertex2d(left + radius, bottom);
-    gl->glVertex2d(right - radius, bottom);
-    setColour(gl, kBodyTopColour);
-    gl->glVertex2d(right - radius, top);
-    gl->glVertex2d(left + radius, top);
-    gl->glEnd();
-    gl->glBegin(GL_POLYGON);
-    setColour(gl, kBodyTopColour);
-    arcVertices(gl, kTopLeft, left + radius, top - radius, radius);
-    setColour(gl, kBodyBottomColour);
-    arcVertices(gl, kBottomLeft, left + radius, bottom + radius, radius);
-    gl->glEnd();
-    gl->glBegin(GL_POLYGON);
-    setColour(gl, kBodyTopColour);
-    arcVertices(gl, kTopRight, right - radius, top - radius, radius);
-    setColour(gl, kBodyBottomColour);
-    arcVertices(gl, kBottomRight, right - radius, bottom + radius, radius);
-    gl->glEnd();
-    gl->glDisable(GL_BLEND);
+    m_clipBatch->addBody(bounds, kBodyTopColour, kBodyBottomColour);
 }
 
 void VTTimelineView::drawClipFadeline(const VTTimelineClip& clip, const QRectF& withBounds, const QRectF& dirtyRect)
 {
-    QOpenGLFunctions_2_1* gl = brindle::gl::legacyGL();
     const double bottom = withBounds.y(), top = withBounds.y() + withBounds.height();
     auto mark = [&](int64_t timestamp) {
         const double x = pixelWithTimestamp(timestamp);
-        if (x < dirtyRect.x() || x > dirtyRect.x() + dirtyRect.width())
-            return;
-        setColour(gl, kFadeColour);
-        line(gl, x, bottom, x, top);
+        if (x >= dirtyRect.x() && x <= dirtyRect.x() + dirtyRect.width())
+            m_clipBatch->addLine(x, bottom, x, top, kFadeColour);
     };
     if (clip.fadeInValidate())
         mark(clip.timestampsOfTrack() + clip.durationOfFadeIn());
@@ -376,8 +381,8 @@ void VTTimelineView::drawClipTitle(const VTTimelineClip& clip, const QRectF& wit
     const double to = std::min(left + width, cut.x() + cut.width());
     if (to <= from)
         return;
-    drawTexturedQuad(brindle::gl::legacyGL(), title->textureID(), QRectF(from, bottom, to - from, height),
-                     (from - left) / width, (to - left) / width);
+    m_clipBatch->addTitle(title->textureID(), QRectF(from, bottom, to - from, height), (from - left) / width,
+                          (to - left) / width);
 }
 
 void VTTimelineView::drawTicksmark(const QRectF& dirtyRect)
@@ -462,11 +467,12 @@ void VTTimelineView::roundRect(const QRectF& rect, double radius, bool needFill)
         r = height / 2;
     const double left = rect.x(), right = rect.x() + width;
     const double bottom = rect.y(), top = rect.y() + height;
+    auto point = [gl](double x, double y) { gl->glVertex2d(x, y); };
     gl->glBegin(needFill ? GL_POLYGON : GL_LINE_LOOP);
-    arcVertices(gl, kTopLeft, left + r, top - r, r);
-    arcVertices(gl, kTopRight, right - r, top - r, r);
-    arcVertices(gl, kBottomRight, right - r, bottom + r, r);
-    arcVertices(gl, kBottomLeft, left + r, bottom + r, r);
+    forEachArcPoint(Corner::topLeft, left + r, top - r, r, point);
+    forEachArcPoint(Corner::topRight, right - r, top - r, r, point);
+    forEachArcPoint(Corner::bottomRight, right - r, bottom + r, r, point);
+    forEachArcPoint(Corner::bottomLeft, left + r, bottom + r, r, point);
     gl->glEnd();
 }
 
@@ -499,11 +505,13 @@ VTWaveCache* VTTimelineView::waveCacheForDrawing(const std::shared_ptr<VTTimelin
     }
 
     // Ask for half a screen more on either side, so that scrolling a little
-    // keeps the texture; never more than the widest texture holds.
+    // keeps the texture; never more than the widest texture holds. A new
+    // texture (a new clip in sight, a new zoom) asks from the visible start,
+    // so that the points in sight, which come first, are not held up.
     const int64_t widest = (int64_t(VTWaveCache::maxTextureSize()) - 2) * int64_t(zoom);
     const int64_t room = std::max<int64_t>(widest - visibleLength, 0) / 2;
     const int64_t margin = std::min(timestampWithPixel(visibleRect().width() / 2), room);
-    const int64_t requestStart = std::max(clip->timestampsOfTrack(), visibleStart - margin);
+    const int64_t requestStart = std::max(clip->timestampsOfTrack(), visibleStart - (cache ? margin : 0));
     const int64_t requestEnd = std::max(std::min(clip->timestampsOfTrack() + clip->durationOfTrack(),
                                                  visibleStart + visibleLength + margin),
                                         visibleStart);
@@ -527,6 +535,6 @@ std::function<void()> VTTimelineView::waveArrivalHandler(const std::shared_ptr<V
         if (std::shared_ptr<VTWaveCache> arrived = weakCache.lock())
             arrived->setDrawComplete(false);
         if (view)
-            view->markForRedraw();
+            view->markWaveformsForRedraw();
     };
 }

@@ -182,6 +182,8 @@ VTWaveCache::FrameBufferPair VTWaveCache::beginDrawFBOWithTexture(uint32_t textu
     legacy->glOrtho(0, width, 0, height, -1, 50);
     legacy->glClearColor(0, 0, 0, 0);
     legacy->glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+    if (texture == m_textureID)
+        m_inkedRows = {0, 0};
     pair.frameBuffer = frameBuffer;
     pair.renderBuffer = renderBuffer;
     return pair;
@@ -252,10 +254,16 @@ void VTWaveCache::restartWithTimestamps(int64_t timestamp, int64_t durationOfTra
         return;
     }
     // Nothing to render into: still ask, so that the points come.
-    drawWaveWithTimestamps(timestamp, durationOfTrack);
+    requestIfNeeded(timestamp, durationOfTrack);
 }
 
 void VTWaveCache::drawWaveWithTimestamps(int64_t timestamp, int64_t durationOfTrack)
+{
+    requestIfNeeded(timestamp, durationOfTrack);
+    drawWave();
+}
+
+void VTWaveCache::requestIfNeeded(int64_t timestamp, int64_t durationOfTrack)
 {
     if (!m_clip)
         return;
@@ -265,19 +273,35 @@ void VTWaveCache::drawWaveWithTimestamps(int64_t timestamp, int64_t durationOfTr
         m_durationOfTrack = durationOfTrack;
         m_timestampsOfTrackStartDraw = timestamp;
         m_timestampsOfDataProvider = m_clip->timestampsOfDataProvider() + (timestamp - m_clip->timestampsOfTrack());
-        std::weak_ptr<VTWaveCache> weakSelf = weak_from_this();
-        const uint64_t generation = m_generation;
         m_requested = true;
+        // Points pile up here on the clip's queue; the first of a pile posts
+        // one hand-over to the main queue, which takes the whole pile.
+        auto arrivals = std::make_shared<Arrivals>();
+        arrivals->generation = m_generation;
+        std::weak_ptr<VTWaveCache> weakSelf = weak_from_this();
         m_clip->featureSamplesAtTimestamps(
             timestamp, durationOfTrack, int64_t(m_durationPerPixel),
-            [weakSelf, generation](const VTTimelineClip::FeatureSampleList& featureSamples) {
-                brindle::mainQueue().async([weakSelf, generation, featureSamples] {
+            [weakSelf, arrivals](const VTTimelineClip::FeatureSampleList& featureSamples) {
+                bool post = false;
+                {
+                    std::lock_guard lock(arrivals->mutex);
+                    arrivals->pending.insert(arrivals->pending.end(), featureSamples.begin(), featureSamples.end());
+                    post = !std::exchange(arrivals->posted, true);
+                }
+                if (!post)
+                    return;
+                brindle::mainQueue().async([weakSelf, arrivals] {
+                    VTTimelineClip::FeatureSampleList taken;
+                    {
+                        std::lock_guard lock(arrivals->mutex);
+                        taken.swap(arrivals->pending);
+                        arrivals->posted = false;
+                    }
                     if (std::shared_ptr<VTWaveCache> cache = weakSelf.lock())
-                        cache->appendFeatureSamples(generation, featureSamples);
+                        cache->appendFeatureSamples(arrivals->generation, taken);
                 });
             });
     }
-    drawWave();
 }
 
 void VTWaveCache::appendFeatureSamples(uint64_t generation, const VTTimelineClip::FeatureSampleList& featureSamples)
@@ -341,6 +365,19 @@ void VTWaveCache::drawWave()
     const std::vector<float> vertices = waveVertices();
     if (vertices.empty())
         return;
+    // The rows the strip can touch (a line covers the row of each end point).
+    float low = vertices[1], high = vertices[1];
+    for (size_t i = 1; i < vertices.size(); i += 2) {
+        low = std::min(low, vertices[i]);
+        high = std::max(high, vertices[i]);
+    }
+    const double height = internalTextHeight();
+    const double inkLow = std::clamp(std::floor(double(low)) - 1, 0.0, height);
+    const double inkHigh = std::clamp(std::ceil(double(high)) + 1, 0.0, height);
+    if (m_inkedRows.second <= m_inkedRows.first)
+        m_inkedRows = {inkLow, inkHigh};
+    else
+        m_inkedRows = {std::min(m_inkedRows.first, inkLow), std::max(m_inkedRows.second, inkHigh)};
     legacy->glColor4f(kWaveRed, kWaveGreen, kWaveBlue, kWaveAlpha);
     legacy->glEnable(GL_BLEND);
     legacy->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);

@@ -31,6 +31,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <utility>
 #include <vector>
 
 class VTWaveCache : public std::enable_shared_from_this<VTWaveCache> {
@@ -86,17 +88,31 @@ public:
     // Asks again, for a new stretch, clip or zoom; the texture only grows.
     void redrawWaveWithTimestamps(int64_t timestamp, int64_t durationOfTrack, std::shared_ptr<VTTimelineClip> clip,
                                   uint64_t durationPerPixel, Handler process);
-    // Asks for the points when none are collected, then draws.
+    // Asks for the points when this request has not asked yet and nothing
+    // is collected, then draws.
     void drawWaveWithTimestamps(int64_t timestamp, int64_t durationOfTrack);
     // Draws the collected points into the bound target.
     void drawWave();
     // The line strip `drawWave` draws, as x, y pairs in texture pixels.
     std::vector<float> waveVertices();
+    // The texture rows [first, second) that hold anything since the texture
+    // was last cleared; outside them it is transparent (the view draws
+    // only these rows). Empty when nothing has been drawn.
+    std::pair<double, double> inkedRows() const { return m_inkedRows; }
 
     // The widest texture the current context takes (16384 without a context).
     static uint32_t maxTextureSize();
 
 private:
+    // The points of one request on their way from the clip's queue to the
+    // main queue (guarded by `mutex`: the clip's queue adds, the main queue takes).
+    struct Arrivals {
+        std::mutex mutex;
+        VTTimelineClip::FeatureSampleList pending;
+        bool posted = false;
+        uint64_t generation = 0;
+    };
+
     VTWaveCache(std::shared_ptr<VTTimelineClip> clip, uint64_t durationPerPixel);
 
     // The stretch shortened so that its texture fits the largest size.
@@ -104,6 +120,8 @@ private:
     // Steps 1–4 of a (re)request: size the texture, forget what was
     // collected, and render the empty state while asking afresh.
     void restartWithTimestamps(int64_t timestamp, int64_t durationOfTrack, Handler process);
+    // Asks the clip for the points when this request has not asked yet.
+    void requestIfNeeded(int64_t timestamp, int64_t durationOfTrack);
     // Runs on the main queue with the points of request `generation`.
     void appendFeatureSamples(uint64_t generation, const VTTimelineClip::FeatureSampleList& featureSamples);
     void deleteTexture();
@@ -128,5 +146,6 @@ private:
     double m_waveMargin = 0;
     // Counts requests; arrivals of an older one are dropped.
     uint64_t m_generation = 0;
+    std::pair<double, double> m_inkedRows{0, 0};
     brindle::gl::GLOwner m_textureOwner;
 };
