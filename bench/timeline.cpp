@@ -21,6 +21,7 @@
 
 #include <QApplication>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QOpenGLWidget>
 #include <QUrl>
 
@@ -307,6 +308,66 @@ void benchZoomToDrawn(VTTimelineView& view, const std::vector<std::shared_ptr<VT
            *std::max_element(times.begin(), times.end()), "ms");
 }
 
+// --screenshot <file>: a small arrangement of decoded instrument stems,
+// with titles, fades, a selection and the play cursor, saved as a PNG.
+bool saveScreenshot(const QString& path)
+{
+    struct Stem {
+        const char* name;
+        const char* expression;  // an aevalsrc expression of t
+        int track;
+        int64_t start, length, fadeIn, fadeOut;
+    };
+    const Stem stems[] = {
+        {"Drums", "0.9*exp(-mod(t,0.5)*9)*sin(2*PI*60*t)+0.25*exp(-mod(t+0.25,0.5)*30)*(random(0)-0.5)", 0, 2000, 30000,
+         0, 1500},
+        {"Bass", "0.6*(0.6+0.4*sin(2*PI*t/2))*sin(2*PI*55*t)", 1, 4000, 24000, 2000, 3000},
+        {"Guitar", "0.5*(0.5+0.5*sin(2*PI*t/3.3))*sin(2*PI*220*t)*(0.7+0.3*sin(2*PI*5*t))", 2, 9000, 19000, 3000, 0},
+        {"Vocals", "0.8*abs(sin(2*PI*t/4))*sin(2*PI*330*t)*(0.6+0.4*random(1))", 3, 12000, 16000, 1000, 4000},
+        {"Keys", "0.4*(0.5+0.5*sin(2*PI*t/6))*(sin(2*PI*262*t)+sin(2*PI*330*t))", 4, 0, 14000, 0, 0},
+        {"Keys Reprise", "0.4*(0.5+0.5*sin(2*PI*t/6))*(sin(2*PI*262*t)+sin(2*PI*392*t))", 4, 17000, 12000, 1500, 1500},
+    };
+    auto project = std::make_shared<VTProject>();
+    QStringList selected;
+    for (const Stem& stem : stems) {
+        const QString media = PrivateHome::mediaFolder() + QStringLiteral("/%1.wav").arg(QString::fromLatin1(stem.name));
+        if (!QFileInfo::exists(media)
+            && timeProgram(QStringLiteral("ffmpeg"),
+                           {QStringLiteral("-nostdin"), QStringLiteral("-loglevel"), QStringLiteral("error"),
+                            QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
+                            QStringLiteral("aevalsrc='%1':s=44100:d=%2").arg(QString::fromLatin1(stem.expression)).arg(
+                                stem.length / 1000 + 1),
+                            QStringLiteral("-ac"), QStringLiteral("2"), QStringLiteral("-y"), media})
+                   < 0)
+            return false;
+        auto provider = importMedia(media);
+        if (!provider)
+            return false;
+        auto clip = VTClip::initWithDataProviderIDs(provider->identifier());
+        clip->setDurationOfTrack(stem.length);
+        clip->setTimestampOfTrack(stem.start);
+        clip->setEnableFadeIn(stem.fadeIn > 0);
+        clip->setDurationOfFadeIn(stem.fadeIn);
+        clip->setEnableFadeOut(stem.fadeOut > 0);
+        clip->setDurationOfFadeOut(stem.fadeOut);
+        if (stem.track == 3)
+            selected << clip->identifier();
+        project->importClipAtTrackIndex(clip, stem.track);
+    }
+    project->setSelections(selected);
+    project->setTimePosition(14500);
+    auto adapter = VTProjectAdapter::initWithProject(project);
+    VTTimelineView view;
+    view.setDataSource(adapter);
+    view.resize(kWidth, kHeight * 3 / 4);
+    view.show();
+    view.setZoomValue(0.55);
+    settle([&] { return view.glWidget()->isValid(); }, 10000);
+    view.grabFramebuffer();
+    settleAdapters(view, *adapter);
+    return view.grabFramebuffer().save(path);
+}
+
 int rerunUnderXvfb(char** argv)
 {
     std::vector<char*> command = {const_cast<char*>("xvfb-run"), const_cast<char*>("-a"), const_cast<char*>("-s"),
@@ -331,6 +392,15 @@ int main(int argc, char** argv)
     QApplication app(argc, argv);
     // --redraw-only: just the synthetic redraw (no media), e.g. under a profiler.
     const bool redrawOnly = app.arguments().contains(QStringLiteral("--redraw-only"));
+    if (const qsizetype at = app.arguments().indexOf(QStringLiteral("--screenshot")); at > 0) {
+        const QString path = app.arguments().value(at + 1, QStringLiteral("timeline.png"));
+        if (!saveScreenshot(path)) {
+            std::fprintf(stderr, "could not draw the screenshot\n");
+            return 1;
+        }
+        std::printf("saved %s\n", qPrintable(path));
+        return 0;
+    }
 
     std::vector<std::shared_ptr<VTDataProvider>> shortMedia, longMedia;
     for (int index = 0; index < 8 && !redrawOnly; ++index) {
