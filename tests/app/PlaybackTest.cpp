@@ -7,6 +7,7 @@
 
 #include "app/KRTimerView.h"
 #include "app/VTPlaybackController.h"
+#include "audio/KRAudioPlayer.h"
 #include "foundation/Dispatch.h"
 #include "model/VTClip.h"
 #include "model/VTMixContext.h"
@@ -39,8 +40,15 @@ constexpr int64_t kFarContent = kFarClip + 100;
 constexpr int64_t kFarLeft = (1000 - 100) * kRate / 1000;  // frames from kFarContent to the end
 
 // Every player of this test program plays into the test device.
+// PortAudio lists the devices once, when the first player is made; it is
+// made here, over a device that opens, so that every test finds the default
+// device whatever runs first (ctest runs each test in a process of its own).
 class AlsaEnvironment final : public testing::Environment {
-    void SetUp() override { AlsaTestDevice::shared(); }
+    void SetUp() override
+    {
+        AlsaTestDevice::shared().playIntoNothing();
+        KRAudioPlayer firstPlayer;
+    }
 };
 [[maybe_unused]] const testing::Environment* const g_alsaEnvironment =
     testing::AddGlobalTestEnvironment(new AlsaEnvironment);

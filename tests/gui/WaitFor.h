@@ -16,7 +16,7 @@ namespace brindle::test {
 // Processes events until `condition` holds or `timeoutMs` passes; answers
 // whether it held.
 template <class Condition>
-bool waitFor(Condition condition, int timeoutMs = 10000)
+bool waitFor(Condition condition, int timeoutMs = 30000)
 {
     QDeadlineTimer deadline(timeoutMs);
     while (!condition()) {
