@@ -2,11 +2,17 @@
 
 #include "timeline/VTTimelineView.h"
 
+#include <QCoreApplication>
+#include <QEvent>
 #include <QOpenGLContext>
+#include <QOpenGLFunctions>
+#include <QWidget>
 
-VTTimelineGLWidget::VTTimelineGLWidget(VTTimelineView* view) : QOpenGLWidget(view), m_view(view)
+VTTimelineGLWidget::VTTimelineGLWidget(VTTimelineView* view) :
+    QOpenGLWindow(QOpenGLWindow::PartialUpdateBlit), m_view(view)
 {
     setFormat(VTTimelineView::defaultPixelFormat());
+    setFlag(Qt::WindowDoesNotAcceptFocus);
 }
 
 VTTimelineGLWidget::~VTTimelineGLWidget()
@@ -39,6 +45,40 @@ void VTTimelineGLWidget::paintGL()
 }
 
 void VTTimelineGLWidget::resizeGL(int /*width*/, int /*height*/) {}
+
+QImage VTTimelineGLWidget::renderAndGrab()
+{
+    if (!isValid() || !m_view)
+        return {};
+    makeCurrent();
+    context()->functions()->glBindFramebuffer(GL_FRAMEBUFFER, defaultFramebufferObject());
+    m_view->drawRect(m_view->visibleRect());
+    // Reads the frame buffer object the frame was drawn into.
+    return grabFramebuffer();
+}
+
+bool VTTimelineGLWidget::event(QEvent* event)
+{
+    switch (event->type()) {
+    case QEvent::MouseButtonPress:
+    case QEvent::MouseButtonRelease:
+    case QEvent::MouseButtonDblClick:
+    case QEvent::MouseMove:
+    case QEvent::Wheel:
+    case QEvent::DragEnter:
+    case QEvent::DragMove:
+    case QEvent::DragLeave:
+    case QEvent::Drop:
+        if (m_eventTarget) {
+            QCoreApplication::sendEvent(m_eventTarget, event);
+            return true;
+        }
+        break;
+    default:
+        break;
+    }
+    return QOpenGLWindow::event(event);
+}
 
 void VTTimelineGLWidget::contextAboutToBeDestroyed()
 {

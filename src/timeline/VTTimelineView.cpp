@@ -56,7 +56,10 @@ VTTimelineView::VTTimelineView(QWidget* parent) :
     m_clipBatch(std::make_unique<brindle::timeline::VTTimelineClipBatch>())
 {
     m_glWidget = new VTTimelineGLWidget(this);
-    setViewport(m_glWidget);
+    QWidget* container = QWidget::createWindowContainer(m_glWidget, this);
+    container->setFocusPolicy(Qt::NoFocus);
+    m_glWidget->setEventTarget(container);
+    setViewport(container);
     viewport()->setMouseTracking(true);
     viewport()->setAcceptDrops(true);
     setAcceptDrops(true);
@@ -252,7 +255,7 @@ void VTTimelineView::registerForDraggedTypes(const QStringList& types)
 
 void VTTimelineView::markForRedraw()
 {
-    viewport()->update();
+    m_glWidget->update();
 }
 
 void VTTimelineView::markWaveformsForRedraw()
@@ -327,10 +330,10 @@ void VTTimelineView::releaseGLResources()
 
 QImage VTTimelineView::grabFramebuffer()
 {
-    return m_glWidget->grabFramebuffer();
+    return m_glWidget->renderAndGrab();
 }
 
-QOpenGLWidget* VTTimelineView::glWidget() const
+QOpenGLWindow* VTTimelineView::glWidget() const
 {
     return m_glWidget;
 }

@@ -9,7 +9,7 @@
 // - Geometry is in y-up document coordinates: the origin is the bottom left
 //   of the whole (virtual) document, whose size is `bounds()`. Lane i's top
 //   edge lies 19 + 69 i points below the document's top. The document size
-//   only sets the scroll bars' ranges: the viewport is a QOpenGLWidget that
+//   only sets the scroll bars' ranges: the viewport holds a GL window that
 //   renders the visible rectangle, nothing more. Qt's y-down positions are
 //   converted once, where mouse events, scroll offsets and the viewport
 //   rectangle come in.
@@ -43,7 +43,7 @@
 class KRGLUImage;
 class QMimeData;
 class QSurfaceFormat;
-class QOpenGLWidget;
+class QOpenGLWindow;
 class VTTimelineGLWidget;
 class VTTimelineTextCache;
 namespace brindle::timeline {
@@ -131,7 +131,7 @@ public:
 
     // The rendered viewport as an image (for tests and screenshots).
     QImage grabFramebuffer();
-    QOpenGLWidget* glWidget() const;
+    QOpenGLWindow* glWidget() const;
 
 protected:
     void resizeEvent(QResizeEvent* event) override;

@@ -141,7 +141,7 @@ void VTTimelineView::reshape()
     if (QOpenGLFunctions* functions = brindle::gl::gl())
         functions->glBindFramebuffer(GL_FRAMEBUFFER, m_glWidget->defaultFramebufferObject());
     const QRectF visible = visibleRect();
-    const double ratio = m_glWidget->devicePixelRatioF();
+    const double ratio = m_glWidget->devicePixelRatio();
     gl->glViewport(0, 0, GLsizei(std::lround(visible.width() * ratio)), GLsizei(std::lround(visible.height() * ratio)));
     gl->glMatrixMode(GL_MODELVIEW);
     gl->glLoadIdentity();

@@ -118,8 +118,11 @@ void VTTimelineView::mouseMoved(const QPointF& point, Qt::MouseButtons buttons)
 
 void VTTimelineView::setViewportCursor(Qt::CursorShape shape)
 {
-    if (viewport()->cursor().shape() != shape)
-        viewport()->setCursor(shape);
+    if (viewport()->cursor().shape() == shape)
+        return;
+    viewport()->setCursor(shape);
+    // The drawing surface is a native window: the pointer shows its cursor.
+    glWidget()->setCursor(shape);
 }
 
 void VTTimelineView::cursorUpdate(const QPointF& point, bool leftButtonDown)
