@@ -22,7 +22,7 @@
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QFileInfo>
-#include <QOpenGLWidget>
+#include <QOpenGLWindow>
 #include <QUrl>
 
 #include <unistd.h>

@@ -4,7 +4,6 @@
 
 #include "timeline/VTTimelineRuler.h"
 
-#include <QFile>
 #include <QScrollBar>
 #include <QTest>
 
@@ -156,19 +155,6 @@ TEST_F(TimelineGeometryTest, elementRectanglesAndHitLanes)
         EXPECT_EQ(view.trackIndexWithPoint(QPointF(50, top - fromTop)), lane) << fromTop;
     source->maxTracks = 8;
     EXPECT_EQ(view.trackIndexWithPoint(QPointF(50, top - 5000)), 7u);
-}
-
-TEST_F(TimelineGeometryTest, theCursorHandleHangsFromTheRulerAtThePlayPosition)
-{
-    if (!QFile::exists(QStringLiteral(":/cursor.png")))
-        GTEST_SKIP() << "the cursor artwork is not built in";
-    source->position = 9000;  // 200 points
-    view.grabFramebuffer();
-    const QRectF handle = view.boundsOfCursor();
-    const QRectF visible = view.visibleRect();
-    ASSERT_FALSE(handle.isEmpty());
-    EXPECT_DOUBLE_EQ(handle.x(), 200 - handle.width() / 2 + 0.5);
-    EXPECT_DOUBLE_EQ(handle.y(), visible.y() + visible.height() - 19 + 3);
 }
 
 }  // namespace

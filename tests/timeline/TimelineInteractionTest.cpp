@@ -115,8 +115,11 @@ TEST_F(TimelineInteractionTest, rulerSeeksAndTheCursorHandleDrags)
         GTEST_SKIP() << "the cursor artwork is not built in";
     delegate->positions.clear();
     view.grabFramebuffer();
+    // The handle hangs from the top of the ruler, centred on the play position (350).
     const QRectF handle = view.boundsOfCursor();
     ASSERT_FALSE(handle.isEmpty());
+    EXPECT_DOUBLE_EQ(handle.x(), 350 - handle.width() / 2 + 0.5);
+    EXPECT_DOUBLE_EQ(handle.y(), view.boundsOfTicksmark().y() + 3);
     // On the handle, inside the ruler, a press drags the cursor instead of seeking.
     press(view, handle.center());
     EXPECT_TRUE(delegate->positions.empty());
@@ -124,10 +127,10 @@ TEST_F(TimelineInteractionTest, rulerSeeksAndTheCursorHandleDrags)
     EXPECT_EQ(delegate->positions, std::vector<int64_t>({22500}));
     // Beyond the right edge the view scrolls by the overshoot plus 6.
     const QPointF beyond(view.viewport()->width() + 30, 40);
-    dragToViewport(view, beyond);
+    mouseAtViewport(view, MouseAction::drag, beyond);
     EXPECT_EQ(view.horizontalScrollBar()->value(), 36);
     EXPECT_EQ(delegate->positions.back(), int64_t(45 * (view.viewport()->width() + 30)));
-    releaseAtViewport(view, beyond);
+    mouseAtViewport(view, MouseAction::release, beyond);
     EXPECT_EQ(count("will"), 0);
 }
 
@@ -240,20 +243,20 @@ TEST_F(TimelineInteractionTest, releasingFarBeyondTheViewDragsOutNearByItScrolls
     select({"a"});
     const double width = view.viewport()->width();
     const double y = viewportPosition(view, inLane(0, 0)).y();
-    pressAtViewport(view, QPointF(200, y));
-    dragToViewport(view, QPointF(width + 150, y));
+    mouseAtViewport(view, MouseAction::press, QPointF(200, y));
+    mouseAtViewport(view, MouseAction::drag, QPointF(width + 150, y));
     EXPECT_EQ(cursorShape(), Qt::ForbiddenCursor);
-    releaseAtViewport(view, QPointF(width + 150, y));
+    mouseAtViewport(view, MouseAction::release, QPointF(width + 150, y));
     EXPECT_EQ(delegate->dragOuts, std::vector<QStringList>({{"a"}}));
     EXPECT_EQ(delegate->calls, QStringList({"will", "dragOut"}));
     EXPECT_EQ(view.horizontalScrollBar()->value(), 0);
 
     delegate->calls.clear();
-    pressAtViewport(view, QPointF(200, y));
-    dragToViewport(view, QPointF(width + 50, y));
+    mouseAtViewport(view, MouseAction::press, QPointF(200, y));
+    mouseAtViewport(view, MouseAction::drag, QPointF(width + 50, y));
     EXPECT_EQ(view.horizontalScrollBar()->value(), 56);
     EXPECT_EQ(delegate->starts.back(), (VTTimelineViewDelegate::ValueDictionary{{"a", 4500 + 45 * int64_t(width - 150)}}));
-    releaseAtViewport(view, QPointF(width + 50, y));
+    mouseAtViewport(view, MouseAction::release, QPointF(width + 50, y));
     EXPECT_EQ(delegate->calls, QStringList({"will", "timestamp", "did"}));
     EXPECT_EQ(delegate->dragOuts.size(), 1u);
 }
@@ -356,8 +359,8 @@ TEST_F(TimelineInteractionTest, aDelegateThatTakesNothingAndNoDelegateAtAllAreSa
         press(view, inLane(0, x));
         dragTo(view, inLane(0, x + 10));
         const QPointF farOut(view.viewport()->width() + 300, 100);
-        dragToViewport(view, farOut);
-        releaseAtViewport(view, farOut);
+        mouseAtViewport(view, MouseAction::drag, farOut);
+        mouseAtViewport(view, MouseAction::release, farOut);
     }
     // Only the brackets arrive; a drag out that the delegate cannot take is
     // no drag-out, so its bracket closes too.

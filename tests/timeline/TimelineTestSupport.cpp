@@ -20,14 +20,6 @@ QByteArray oneDouble(double value)
     return QByteArray(reinterpret_cast<const char*>(&value), sizeof value);
 }
 
-void sendMouse(VTTimelineView& view, QEvent::Type type, const QPointF& position, Qt::MouseButton button,
-               Qt::MouseButtons buttons, Qt::KeyboardModifiers modifiers)
-{
-    QWidget* viewport = view.viewport();
-    QMouseEvent event(type, position, viewport->mapToGlobal(position), button, buttons, modifiers);
-    QApplication::sendEvent(viewport, &event);
-}
-
 }  // namespace
 
 FakeClip::FakeClip(QString identifier, int64_t start, int64_t duration, std::optional<QString> title) :
@@ -76,12 +68,15 @@ std::shared_ptr<FakeClip> FakeDataSource::addClip(uint64_t track, const QString&
     return clip;
 }
 
-std::shared_ptr<FakeClip> FakeDataSource::clip(const QString& identifier) const
+std::shared_ptr<FakeClip> FakeDataSource::clip(const QString& identifier, uint64_t* track) const
 {
-    for (const auto& track : tracks) {
-        for (const auto& clip : track) {
-            if (clip->id == identifier)
-                return clip;
+    for (uint64_t index = 0; index < tracks.size(); ++index) {
+        for (const auto& clip : tracks[index]) {
+            if (clip->id != identifier)
+                continue;
+            if (track)
+                *track = index;
+            return clip;
         }
     }
     return nullptr;
@@ -94,9 +89,7 @@ uint64_t FakeDataSource::numberOfClips(VTTimelineView*, uint64_t atTrackIndex)
 
 std::shared_ptr<VTTimelineClip> FakeDataSource::clipAtIndex(uint64_t index, uint64_t ofTrackIndex, VTTimelineView*)
 {
-    if (ofTrackIndex >= tracks.size() || index >= tracks[ofTrackIndex].size())
-        return nullptr;
-    return tracks[ofTrackIndex][index];
+    return ofTrackIndex < tracks.size() && index < tracks[ofTrackIndex].size() ? tracks[ofTrackIndex][index] : nullptr;
 }
 
 std::shared_ptr<VTTimelineClip> FakeDataSource::clipWithIdentifer(const QString& identifier, VTTimelineView*)
@@ -129,94 +122,11 @@ int64_t FakeDataSource::duration(VTTimelineView*)
 
 std::optional<uint64_t> FakeDataSource::trackIndexWithClipIdentifer(const QString& identifier, VTTimelineView*)
 {
+    uint64_t track = VTTimelineViewDelegate::kNotFound;
     if (!tellsTrackIndexes)
         return std::nullopt;
-    for (uint64_t track = 0; track < tracks.size(); ++track) {
-        for (const auto& clip : tracks[track]) {
-            if (clip->id == identifier)
-                return track;
-        }
-    }
-    return VTTimelineViewDelegate::kNotFound;
-}
-
-void RecordingDelegate::selectionsChanged(const QStringList& selection, VTTimelineView*)
-{
-    calls << QStringLiteral("selectionsChanged");
-    selections.push_back(selection);
-    if (m_source)
-        m_source->selection = selection;
-}
-
-void RecordingDelegate::currentPositionChanged(int64_t timestamp, VTTimelineView*)
-{
-    calls << QStringLiteral("currentPositionChanged");
-    positions.push_back(timestamp);
-    if (m_source)
-        m_source->position = std::max<int64_t>(timestamp, 0);
-}
-
-VTTimelineViewDelegate::Attributes RecordingDelegate::timelineViewWillContinueChange(VTTimelineView*)
-{
-    calls << QStringLiteral("will");
-    return Attributes{{QStringLiteral("bracket"), ++m_brackets}};
-}
-
-void RecordingDelegate::timelineViewDidContinueChange(VTTimelineView*, const Attributes& attributes)
-{
-    calls << QStringLiteral("did");
-    lastAttributes = attributes;
-}
-
-void RecordingDelegate::fadeInDurationChanged(const ValueDictionary& values, VTTimelineView*)
-{
-    calls << QStringLiteral("fadeIn");
-    fadeIns.push_back(values);
-}
-
-void RecordingDelegate::fadeOutDurationChanged(const ValueDictionary& values, VTTimelineView*)
-{
-    calls << QStringLiteral("fadeOut");
-    fadeOuts.push_back(values);
-}
-
-void RecordingDelegate::timestampChanged(const ValueDictionary& values, VTTimelineView*)
-{
-    calls << QStringLiteral("timestamp");
-    starts.push_back(values);
-}
-
-void RecordingDelegate::cutAtStartClips(const ValueDictionary& values, VTTimelineView*)
-{
-    calls << QStringLiteral("cutStart");
-    cutStarts.push_back(values);
-}
-
-void RecordingDelegate::cutAtEndClips(const ValueDictionary& values, VTTimelineView*)
-{
-    calls << QStringLiteral("cutEnd");
-    cutEnds.push_back(values);
-}
-
-void RecordingDelegate::moveClipsTrack(const TrackDictionary& values, VTTimelineView*)
-{
-    calls << QStringLiteral("moveTrack");
-    trackMoves.push_back(values);
-}
-
-bool RecordingDelegate::dragOutClips(const QStringList& identifiers, VTTimelineView*)
-{
-    calls << QStringLiteral("dragOut");
-    dragOuts.push_back(identifiers);
-    return acceptDragOut;
-}
-
-bool RecordingDelegate::dropOperationWithPasteboard(const QMimeData& pasteboard, uint64_t atTrackIndex,
-                                                    int64_t timestamp, VTTimelineView*)
-{
-    calls << QStringLiteral("drop");
-    drops.push_back(Drop{pasteboard.formats(), atTrackIndex, timestamp});
-    return true;
+    clip(identifier, &track);
+    return track;
 }
 
 QPointF viewportPosition(VTTimelineView& view, const QPointF& documentPoint)
@@ -225,41 +135,21 @@ QPointF viewportPosition(VTTimelineView& view, const QPointF& documentPoint)
     return QPointF(documentPoint.x() - visible.x(), visible.y() + visible.height() - documentPoint.y());
 }
 
-void press(VTTimelineView& view, const QPointF& documentPoint, Qt::KeyboardModifiers modifiers)
+void mouseAtViewport(VTTimelineView& view, MouseAction action, const QPointF& position,
+                     Qt::KeyboardModifiers modifiers)
 {
-    sendMouse(view, QEvent::MouseButtonPress, viewportPosition(view, documentPoint), Qt::LeftButton, Qt::LeftButton,
-              modifiers);
-}
-
-void dragTo(VTTimelineView& view, const QPointF& documentPoint)
-{
-    dragToViewport(view, viewportPosition(view, documentPoint));
-}
-
-void release(VTTimelineView& view, const QPointF& documentPoint)
-{
-    releaseAtViewport(view, viewportPosition(view, documentPoint));
-}
-
-void hover(VTTimelineView& view, const QPointF& documentPoint)
-{
-    sendMouse(view, QEvent::MouseMove, viewportPosition(view, documentPoint), Qt::NoButton, Qt::NoButton,
-              Qt::NoModifier);
-}
-
-void pressAtViewport(VTTimelineView& view, const QPointF& position)
-{
-    sendMouse(view, QEvent::MouseButtonPress, position, Qt::LeftButton, Qt::LeftButton, Qt::NoModifier);
-}
-
-void dragToViewport(VTTimelineView& view, const QPointF& position)
-{
-    sendMouse(view, QEvent::MouseMove, position, Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
-}
-
-void releaseAtViewport(VTTimelineView& view, const QPointF& position)
-{
-    sendMouse(view, QEvent::MouseButtonRelease, position, Qt::LeftButton, Qt::NoButton, Qt::NoModifier);
+    static const struct {
+        QEvent::Type type;
+        Qt::MouseButton button;
+        Qt::MouseButtons buttons;
+    } kinds[] = {{QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton},
+                 {QEvent::MouseMove, Qt::NoButton, Qt::LeftButton},
+                 {QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton},
+                 {QEvent::MouseMove, Qt::NoButton, Qt::NoButton}};
+    const auto& kind = kinds[int(action)];
+    QWidget* viewport = view.viewport();
+    QMouseEvent event(kind.type, position, viewport->mapToGlobal(position), kind.button, kind.buttons, modifiers);
+    QApplication::sendEvent(viewport, &event);
 }
 
 QColor pixelAt(const QImage& frame, VTTimelineView& view, const QPointF& documentPoint)

@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -69,7 +70,8 @@ public:
     // Adds a clip to track `track` (tracks are created up to it).
     std::shared_ptr<FakeClip> addClip(uint64_t track, const QString& identifier, int64_t start, int64_t duration,
                                       std::optional<QString> title = std::nullopt);
-    std::shared_ptr<FakeClip> clip(const QString& identifier) const;
+    // The clip with that Identifier and its track, or null.
+    std::shared_ptr<FakeClip> clip(const QString& identifier, uint64_t* track = nullptr) const;
 
     uint64_t numberOfTracks(VTTimelineView*) override { return tracks.size(); }
     uint64_t numberOfClips(VTTimelineView*, uint64_t atTrackIndex) override;
@@ -97,19 +99,60 @@ public:
     explicit RecordingDelegate(FakeDataSource* source = nullptr) : m_source(source) {}
 
     bool respondsTo(Operation operation) const override { return !refused.contains(operation); }
-    void selectionsChanged(const QStringList& selections, VTTimelineView*) override;
-    void currentPositionChanged(int64_t timestamp, VTTimelineView*) override;
-    Attributes timelineViewWillContinueChange(VTTimelineView*) override;
-    void timelineViewDidContinueChange(VTTimelineView*, const Attributes& attributes) override;
-    void fadeInDurationChanged(const ValueDictionary& values, VTTimelineView*) override;
-    void fadeOutDurationChanged(const ValueDictionary& values, VTTimelineView*) override;
-    void timestampChanged(const ValueDictionary& values, VTTimelineView*) override;
-    void cutAtStartClips(const ValueDictionary& values, VTTimelineView*) override;
-    void cutAtEndClips(const ValueDictionary& values, VTTimelineView*) override;
-    void moveClipsTrack(const TrackDictionary& values, VTTimelineView*) override;
-    bool dragOutClips(const QStringList& identifiers, VTTimelineView*) override;
+    void selectionsChanged(const QStringList& selection, VTTimelineView*) override
+    {
+        record("selectionsChanged", selections, selection);
+        if (m_source)
+            m_source->selection = selection;
+    }
+    void currentPositionChanged(int64_t timestamp, VTTimelineView*) override
+    {
+        record("currentPositionChanged", positions, timestamp);
+        if (m_source)
+            m_source->position = std::max<int64_t>(timestamp, 0);
+    }
+    Attributes timelineViewWillContinueChange(VTTimelineView*) override
+    {
+        calls << QStringLiteral("will");
+        return Attributes{{QStringLiteral("bracket"), ++m_brackets}};
+    }
+    void timelineViewDidContinueChange(VTTimelineView*, const Attributes& attributes) override
+    {
+        calls << QStringLiteral("did");
+        lastAttributes = attributes;
+    }
+    void fadeInDurationChanged(const ValueDictionary& values, VTTimelineView*) override
+    {
+        record("fadeIn", fadeIns, values);
+    }
+    void fadeOutDurationChanged(const ValueDictionary& values, VTTimelineView*) override
+    {
+        record("fadeOut", fadeOuts, values);
+    }
+    void timestampChanged(const ValueDictionary& values, VTTimelineView*) override
+    {
+        record("timestamp", starts, values);
+    }
+    void cutAtStartClips(const ValueDictionary& values, VTTimelineView*) override
+    {
+        record("cutStart", cutStarts, values);
+    }
+    void cutAtEndClips(const ValueDictionary& values, VTTimelineView*) override { record("cutEnd", cutEnds, values); }
+    void moveClipsTrack(const TrackDictionary& values, VTTimelineView*) override
+    {
+        record("moveTrack", trackMoves, values);
+    }
+    bool dragOutClips(const QStringList& identifiers, VTTimelineView*) override
+    {
+        record("dragOut", dragOuts, identifiers);
+        return true;
+    }
     bool dropOperationWithPasteboard(const QMimeData& pasteboard, uint64_t atTrackIndex, int64_t timestamp,
-                                     VTTimelineView*) override;
+                                     VTTimelineView*) override
+    {
+        record("drop", drops, Drop{pasteboard.formats(), atTrackIndex, timestamp});
+        return true;
+    }
 
     struct Drop {
         QStringList formats;
@@ -118,34 +161,49 @@ public:
     };
 
     QSet<Operation> refused;
-    bool acceptDragOut = true;
-    // Every call by name, in order.
+    // Every call by name, in order, and the values of each kind.
     QStringList calls;
-    std::vector<QStringList> selections;
+    std::vector<QStringList> selections, dragOuts;
     std::vector<int64_t> positions;
     std::vector<ValueDictionary> fadeIns, fadeOuts, starts, cutStarts, cutEnds;
     std::vector<TrackDictionary> trackMoves;
-    std::vector<QStringList> dragOuts;
     std::vector<Drop> drops;
     Attributes lastAttributes;
 
 private:
+    template <class T>
+    void record(const char* call, std::vector<T>& into, const T& value)
+    {
+        calls << QString::fromLatin1(call);
+        into.push_back(value);
+    }
+
     FakeDataSource* m_source = nullptr;
     int m_brackets = 0;
 };
 
-// --- Document points (y up) to the viewport and to grabbed pixels ----------
-
+// --- Mouse events on the viewport: at viewport pixels (y down), or at
+// document points (y up) converted with the current scroll position.
+enum class MouseAction { press, drag, release, hover };
+void mouseAtViewport(VTTimelineView& view, MouseAction action, const QPointF& position,
+                     Qt::KeyboardModifiers modifiers = Qt::NoModifier);
 QPointF viewportPosition(VTTimelineView& view, const QPointF& documentPoint);
-void press(VTTimelineView& view, const QPointF& documentPoint, Qt::KeyboardModifiers modifiers = Qt::NoModifier);
-void dragTo(VTTimelineView& view, const QPointF& documentPoint);
-void release(VTTimelineView& view, const QPointF& documentPoint);
-// A move with no button held.
-void hover(VTTimelineView& view, const QPointF& documentPoint);
-// The viewport position of a drag (viewport pixels, y down).
-void pressAtViewport(VTTimelineView& view, const QPointF& position);
-void dragToViewport(VTTimelineView& view, const QPointF& position);
-void releaseAtViewport(VTTimelineView& view, const QPointF& position);
+inline void press(VTTimelineView& view, const QPointF& point, Qt::KeyboardModifiers modifiers = Qt::NoModifier)
+{
+    mouseAtViewport(view, MouseAction::press, viewportPosition(view, point), modifiers);
+}
+inline void dragTo(VTTimelineView& view, const QPointF& point)
+{
+    mouseAtViewport(view, MouseAction::drag, viewportPosition(view, point));
+}
+inline void release(VTTimelineView& view, const QPointF& point)
+{
+    mouseAtViewport(view, MouseAction::release, viewportPosition(view, point));
+}
+inline void hover(VTTimelineView& view, const QPointF& point)
+{
+    mouseAtViewport(view, MouseAction::hover, viewportPosition(view, point));
+}
 
 // The grabbed pixel covering document point `documentPoint` of the visible rectangle.
 QColor pixelAt(const QImage& frame, VTTimelineView& view, const QPointF& documentPoint);
