@@ -218,6 +218,8 @@ private:
     void mouseUp(const QPointF& point);
     void mouseMoved(const QPointF& point, Qt::MouseButtons buttons);
     void cursorUpdate(const QPointF& point, bool leftButtonDown);
+    // The first of `laneCount` lanes whose bounds hold the point (at most one does).
+    std::optional<uint64_t> laneWithPoint(const QPointF& point, uint64_t laneCount);
     // Hit-test and click selection: the Identifier of the clip under the
     // point (the topmost), with its track index.
     std::optional<QString> clipIdentiferWithMouseDown(const QPointF& point, Qt::KeyboardModifiers modifiers,

@@ -10,6 +10,7 @@
 #include <QMimeData>
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 
 namespace {
@@ -18,6 +19,8 @@ using Operation = VTTimelineViewDelegate::Operation;
 constexpr uint64_t kNotFound = VTTimelineViewDelegate::kNotFound;
 // How far beyond the visible area a move still counts as a move, not a drag-out.
 constexpr double kDragOutMargin = 100;
+constexpr double kRulerHeight = 19;
+constexpr double kLanePitch = 69;
 
 // Cocoa's point-in-rectangle test: the left and bottom edges belong to the
 // rectangle, the right and top edges do not; an empty rectangle holds nothing.
@@ -125,13 +128,24 @@ void VTTimelineView::setViewportCursor(Qt::CursorShape shape)
     glWidget()->setCursor(shape);
 }
 
+std::optional<uint64_t> VTTimelineView::laneWithPoint(const QPointF& point, uint64_t laneCount)
+{
+    // Lanes do not overlap: only the one at the point's distance from the
+    // top can hold it, so no lane needs to be looked at one by one.
+    const QRectF whole = bounds();
+    const double lane = std::floor((whole.y() + whole.height() - point.y() - kRulerHeight) / kLanePitch);
+    if (!(lane >= 0 && lane < double(laneCount)))
+        return std::nullopt;
+    if (!pointInRect(point, boundsOfTrack(uint64_t(lane))))
+        return std::nullopt;
+    return uint64_t(lane);
+}
+
 void VTTimelineView::cursorUpdate(const QPointF& point, bool leftButtonDown)
 {
     if (m_dataSource) {
-        const uint64_t tracks = m_dataSource->numberOfTracks(this);
-        for (uint64_t track = 0; track < tracks; ++track) {
-            if (!pointInRect(point, boundsOfTrack(track)))
-                continue;
+        if (const std::optional<uint64_t> lane = laneWithPoint(point, m_dataSource->numberOfTracks(this))) {
+            const uint64_t track = *lane;
             // The topmost clip (drawn last) decides.
             for (uint64_t index = m_dataSource->numberOfClips(this, track); index-- > 0;) {
                 const std::shared_ptr<VTTimelineClip> clip = m_dataSource->clipAtIndex(index, track, this);
@@ -163,10 +177,8 @@ std::optional<QString> VTTimelineView::clipIdentiferWithMouseDown(const QPointF&
     if (!m_dataSource)
         return std::nullopt;
     std::shared_ptr<VTTimelineClip> hit;
-    const uint64_t tracks = m_dataSource->numberOfTracks(this);
-    for (uint64_t track = 0; track < tracks; ++track) {
-        if (!pointInRect(point, boundsOfTrack(track)))
-            continue;
+    if (const std::optional<uint64_t> lane = laneWithPoint(point, m_dataSource->numberOfTracks(this))) {
+        const uint64_t track = *lane;
         for (uint64_t index = m_dataSource->numberOfClips(this, track); index-- > 0;) {
             std::shared_ptr<VTTimelineClip> clip = m_dataSource->clipAtIndex(index, track, this);
             if (clip && pointInRect(point, boundsOfClip(*clip, track))) {
@@ -176,7 +188,6 @@ std::optional<QString> VTTimelineView::clipIdentiferWithMouseDown(const QPointF&
         }
         if (trackIndex)
             *trackIndex = track;
-        break;
     }
     if (!hit)
         return std::nullopt;
@@ -458,14 +469,8 @@ bool VTTimelineView::performDragOperation(const QMimeData& mimeData, const QPoin
 {
     if (!m_delegate || !m_delegate->respondsTo(Operation::dropOperationWithPasteboard))
         return false;
-    uint64_t track = kNotFound;
     const uint64_t tracks = m_dataSource ? m_dataSource->numberOfTracks(this) : 0;
-    for (uint64_t index = 0; index < tracks; ++index) {
-        if (pointInRect(point, boundsOfTrack(index))) {
-            track = index;
-            break;
-        }
-    }
+    const uint64_t track = laneWithPoint(point, tracks).value_or(kNotFound);
     const int64_t timestamp = m_dataSource ? m_dataSource->currentPosition(this) : 0;
     return m_delegate->dropOperationWithPasteboard(mimeData, track, timestamp, this);
 }
