@@ -1,6 +1,7 @@
 #include "codec/PolyphaseResampler.h"
 
 #include "codec/KRAudioFrame2.h"
+#include "codec/PolyphaseKernels.h"
 #include "foundation/CpuFeatures.h"
 
 #include <algorithm>
@@ -210,153 +211,6 @@ void fromFloat(const float* in, int64_t samples, int32_t format, uint8_t* out)
     }
 }
 
-// The state one run of outputs walks: the input planes with the frame under
-// the next output's first tap, the phase, and the tables.
-struct Walk {
-    const float* planes[2];
-    int64_t tap;  // frame index into the planes
-    const float* coefficients;
-    const int32_t* step;
-    const int32_t* nextPhase;
-    int64_t taps;  // a multiple of 8
-    int64_t channels;
-    int64_t phase;
-};
-
-void runPlain(Walk& walk, float* out, int64_t frames)
-{
-    for (int64_t k = 0; k < frames; ++k) {
-        const float* c = walk.coefficients + walk.phase * walk.taps;
-        for (int64_t ch = 0; ch < walk.channels; ++ch) {
-            const float* x = walk.planes[ch] + walk.tap;
-            float sum = 0.0f;
-            for (int64_t j = 0; j < walk.taps; ++j)
-                sum += x[j] * c[j];
-            out[k * walk.channels + ch] = sum;
-        }
-        walk.tap += walk.step[walk.phase];
-        walk.phase = walk.nextPhase[walk.phase];
-    }
-}
-
-#ifdef BRINDLE_HAS_X86_INTRINSICS
-// The next four outputs of a walk: each one's coefficient row and first
-// input frame. A last group of fewer than four (`real`) repeats its last
-// output, so that every output is summed in the same order wherever a call
-// ends. Moves the walk past the real outputs.
-struct Group {
-    const float* c[4];
-    int64_t at[4];
-    int real;
-};
-
-inline Group nextGroup(const Walk& walk, int64_t& tap, int64_t& phase, int64_t remaining)
-{
-    Group group{};
-    group.real = int(std::min<int64_t>(4, remaining));
-    for (int o = 0; o < 4; ++o) {
-        group.c[o] = walk.coefficients + phase * walk.taps;
-        group.at[o] = tap;
-        if (o + 1 < group.real) {
-            tap += walk.step[phase];
-            phase = walk.nextPhase[phase];
-        }
-    }
-    tap += walk.step[phase];
-    phase = walk.nextPhase[phase];
-    return group;
-}
-
-// Four outputs at a time: each coefficient vector is loaded once for all
-// channels, every output and channel has its own accumulator (independent
-// chains, so the multiply-adds overlap), and the horizontal sums of the four
-// outputs are done together. Written out by hand: as a loop over the
-// outputs the accumulators would live in memory.
-__attribute__((target("avx2,fma"))) void runStereoAvx2(Walk& walk, float* out, int64_t frames)
-{
-    const float* left = walk.planes[0];
-    const float* right = walk.planes[1];
-    const int64_t taps = walk.taps;
-    int64_t tap = walk.tap;
-    int64_t phase = walk.phase;
-    int64_t k = 0;
-    for (; k < frames; k += 4) {
-        const auto [c, at, real] = nextGroup(walk, tap, phase, frames - k);
-        __m256 l0 = _mm256_setzero_ps(), l1 = l0, l2 = l0, l3 = l0;
-        __m256 r0 = l0, r1 = l0, r2 = l0, r3 = l0;
-        for (int64_t j = 0; j < taps; j += 8) {
-            __m256 row = _mm256_loadu_ps(c[0] + j);
-            l0 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at[0] + j), row, l0);
-            r0 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at[0] + j), row, r0);
-            row = _mm256_loadu_ps(c[1] + j);
-            l1 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at[1] + j), row, l1);
-            r1 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at[1] + j), row, r1);
-            row = _mm256_loadu_ps(c[2] + j);
-            l2 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at[2] + j), row, l2);
-            r2 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at[2] + j), row, r2);
-            row = _mm256_loadu_ps(c[3] + j);
-            l3 = _mm256_fmadd_ps(_mm256_loadu_ps(left + at[3] + j), row, l3);
-            r3 = _mm256_fmadd_ps(_mm256_loadu_ps(right + at[3] + j), row, r3);
-        }
-        // hadd(hadd(l0, r0), hadd(l1, r1)) = [L0 R0 L1 R1] per 128-bit half.
-        const __m256 first = _mm256_hadd_ps(_mm256_hadd_ps(l0, r0), _mm256_hadd_ps(l1, r1));
-        const __m256 second = _mm256_hadd_ps(_mm256_hadd_ps(l2, r2), _mm256_hadd_ps(l3, r3));
-        const __m128 firstPair = _mm_add_ps(_mm256_castps256_ps128(first), _mm256_extractf128_ps(first, 1));
-        const __m128 secondPair = _mm_add_ps(_mm256_castps256_ps128(second), _mm256_extractf128_ps(second, 1));
-        if (real == 4) {
-            _mm_storeu_ps(out + k * 2, firstPair);
-            _mm_storeu_ps(out + k * 2 + 4, secondPair);
-            continue;
-        }
-        alignas(16) float sums[8];
-        _mm_store_ps(sums, firstPair);
-        _mm_store_ps(sums + 4, secondPair);
-        std::memcpy(out + k * 2, sums, size_t(real) * 2 * sizeof(float));
-    }
-    walk.tap = tap;
-    walk.phase = phase;
-}
-
-__attribute__((target("avx2,fma"))) void runMonoAvx2(Walk& walk, float* out, int64_t frames)
-{
-    const float* x = walk.planes[0];
-    const int64_t taps = walk.taps;
-    int64_t tap = walk.tap;
-    int64_t phase = walk.phase;
-    int64_t k = 0;
-    for (; k < frames; k += 4) {
-        const auto [c, at, real] = nextGroup(walk, tap, phase, frames - k);
-        __m256 s0 = _mm256_setzero_ps(), s1 = s0, s2 = s0, s3 = s0;
-        for (int64_t j = 0; j < taps; j += 8) {
-            s0 = _mm256_fmadd_ps(_mm256_loadu_ps(x + at[0] + j), _mm256_loadu_ps(c[0] + j), s0);
-            s1 = _mm256_fmadd_ps(_mm256_loadu_ps(x + at[1] + j), _mm256_loadu_ps(c[1] + j), s1);
-            s2 = _mm256_fmadd_ps(_mm256_loadu_ps(x + at[2] + j), _mm256_loadu_ps(c[2] + j), s2);
-            s3 = _mm256_fmadd_ps(_mm256_loadu_ps(x + at[3] + j), _mm256_loadu_ps(c[3] + j), s3);
-        }
-        const __m256 four = _mm256_hadd_ps(_mm256_hadd_ps(s0, s1), _mm256_hadd_ps(s2, s3));
-        const __m128 sum = _mm_add_ps(_mm256_castps256_ps128(four), _mm256_extractf128_ps(four, 1));
-        if (real == 4) {
-            _mm_storeu_ps(out + k, sum);
-            continue;
-        }
-        alignas(16) float sums[4];
-        _mm_store_ps(sums, sum);
-        std::memcpy(out + k, sums, size_t(real) * sizeof(float));
-    }
-    walk.tap = tap;
-    walk.phase = phase;
-}
-#endif
-
-bool hasVectorKernel()
-{
-#ifdef BRINDLE_HAS_X86_INTRINSICS
-    return processorHasAvx2() && processorHasFma();
-#else
-    return false;
-#endif
-}
-
 // How many outputs, from the one under `tapStart` at `phase` on, have their
 // first tap before `limit`.
 int64_t outputsBefore(int64_t limit, int64_t tapStart, int64_t phase, int64_t phases, int64_t advance)
@@ -402,6 +256,20 @@ std::shared_ptr<const PolyphaseFilter> buildFilter(int64_t phases, int64_t advan
             row[i] = float(phase[size_t(i)] / sum);
         filter->step[size_t(p)] = int32_t((p + advance) / phases);
         filter->nextPhase[size_t(p)] = int32_t((p + advance) % phases);
+    }
+    filter->quads.resize(size_t(phases));
+    for (int64_t p = 0; p < phases; ++p) {
+        PolyphaseFilter::Quad& quad = filter->quads[size_t(p)];
+        int64_t phase = p;
+        int64_t at = 0;
+        for (int o = 0; o < 4; ++o) {
+            quad.row[o] = int32_t(phase * filter->taps);
+            quad.at[o] = int32_t(at);
+            at += filter->step[size_t(phase)];
+            phase = filter->nextPhase[size_t(phase)];
+        }
+        quad.advance = int32_t(at);
+        quad.next = int32_t(phase);
     }
     return filter;
 }
@@ -526,29 +394,19 @@ int64_t PolyphaseResampler::produce(uint8_t* output, int64_t frames)
 {
     const int64_t destFrameBytes = bytesOfFormat(m_destFormat) * m_channels;
     m_block.resize(size_t(kBlockFrames * m_channels));
-    const bool vector = hasVectorKernel();
     int64_t done = 0;
     while (done < frames) {
         const int64_t run = std::min(kBlockFrames, frames - done);
-        Walk walk{{m_input[0].data(), m_channels > 1 ? m_input[1].data() : nullptr},
+        polyphase::Walk walk{{m_input[0].data(), m_channels > 1 ? m_input[1].data() : nullptr},
                   m_tapStart - m_first,
                   m_filter->coefficients,
                   m_filter->step.data(),
                   m_filter->nextPhase.data(),
+                  m_filter->quads.data(),
                   m_taps,
                   m_channels,
                   m_phase};
-#ifdef BRINDLE_HAS_X86_INTRINSICS
-        if (vector && m_channels == 2)
-            runStereoAvx2(walk, m_block.data(), run);
-        else if (vector)
-            runMonoAvx2(walk, m_block.data(), run);
-        else
-            runPlain(walk, m_block.data(), run);
-#else
-        (void)vector;
-        runPlain(walk, m_block.data(), run);
-#endif
+        polyphase::run(walk, m_block.data(), run);
         m_tapStart = walk.tap + m_first;
         m_phase = walk.phase;
         fromFloat(m_block.data(), run * m_channels, m_destFormat, output + done * destFrameBytes);

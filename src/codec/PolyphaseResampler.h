@@ -48,6 +48,17 @@ struct PolyphaseFilter {
     std::vector<float> storage;
     std::vector<int32_t> step;
     std::vector<int32_t> nextPhase;
+    // Per phase, the four outputs from one of that phase on: their rows
+    // (offsets into `coefficients`) and first input frames (from the first
+    // output's), then the input frames to step over and the phase after
+    // them. The vector kernels take a group of four outputs in one look-up.
+    struct Quad {
+        int32_t row[4];
+        int32_t at[4];
+        int32_t advance;
+        int32_t next;
+    };
+    std::vector<Quad> quads;
 };
 
 class PolyphaseResampler {
