@@ -7,7 +7,8 @@
 #   scripts/setup.sh test            build and run the test suite (under
 #                                    xvfb-run when there is no X display)
 #
-# Environment: BRINDLE_PRESET (default "default") picks the CMake preset.
+# Environment: BRINDLE_PRESET (default "default") picks the CMake preset;
+# BRINDLE_CTEST_ARGS adds arguments to ctest (for example "-LE gui").
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -51,10 +52,11 @@ case "$mode" in
         # The editor's tests draw with Mesa's software GL on an X display; one
         # virtual display serves the whole run.
         export LIBGL_ALWAYS_SOFTWARE=1
+        read -r -a extra <<< "${BRINDLE_CTEST_ARGS:-}"
         if [ -z "${DISPLAY:-}" ]; then
-            exec xvfb-run -a -s "-screen 0 1600x1000x24" ctest --preset "$preset" --no-tests=error
+            exec xvfb-run -a -s "-screen 0 1600x1000x24" ctest --preset "$preset" --no-tests=error "${extra[@]}"
         fi
-        ctest --preset "$preset" --no-tests=error
+        ctest --preset "$preset" --no-tests=error "${extra[@]}"
         ;;
     *)
         echo "usage: $0 run|test" >&2
