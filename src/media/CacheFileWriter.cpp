@@ -4,6 +4,8 @@
 #include "foundation/Log.h"
 #include "media/VTDataBuffer.h"
 
+#include <pthread.h>
+
 #include <system_error>
 #include <utility>
 
@@ -65,6 +67,7 @@ bool CacheFileWriter::push(std::shared_ptr<KRAudioFrame2> frame)
 
 void CacheFileWriter::run()
 {
+    pthread_setname_np(pthread_self(), "brindle-cache");
     std::vector<std::shared_ptr<KRAudioFrame2>> batch;
     batch.reserve(kQueuedFrames);
     std::unique_lock lock(m_mutex);

@@ -13,6 +13,10 @@ namespace {
 // A worker is queued again once this many blocks are free: a turn then
 // computes several blocks, instead of one job per block.
 constexpr size_t kRefillAt = ClipFeed::kDepth / 2;
+// A mixing thread that waits for a worker is woken once this many blocks
+// are ready (or the worker's turn ends): the following pulls then find
+// their blocks, instead of each waking it once more.
+constexpr size_t kWakeAt = 4;
 
 }  // namespace
 
@@ -68,7 +72,7 @@ void ClipFeed::work()
     m_computing = true;
     while (!m_stopped && !m_ended && m_ready < kDepth) {
         computeNext(lock);
-        if (m_waiting)
+        if (m_waiting && m_ready >= kWakeAt)
             m_changed.notify_all();
     }
     m_computing = false;
