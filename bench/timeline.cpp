@@ -170,8 +170,14 @@ void drainMainQueue()
     settle([&] { return drained; });
 }
 
-// Milliseconds of one frame: render plus read-back (grabFramebuffer), median of kFrames.
-double frameMilliseconds(VTTimelineView& view)
+// Milliseconds of one frame: render plus read-back (grabFramebuffer), the
+// median of kFrames, and the fastest (on a shared machine it shows what the
+// renderer does when nothing else takes the cores).
+struct FrameTimes {
+    double median = 0;
+    double fastest = 0;
+};
+FrameTimes frameMilliseconds(VTTimelineView& view)
 {
     std::vector<double> frames;
     for (int frame = 0; frame < kFrames; ++frame) {
@@ -180,7 +186,12 @@ double frameMilliseconds(VTTimelineView& view)
         view.grabFramebuffer();
         frames.push_back(double(timer.nsecsElapsed()) / 1e6);
     }
-    return median(frames);
+    return {median(frames), *std::min_element(frames.begin(), frames.end())};
+}
+
+void reportFrames(const QString& label, const FrameTimes& times)
+{
+    report(label + QStringLiteral(", median (fastest %1 ms)").arg(times.fastest, 0, 'f', 1), times.median, "ms");
 }
 
 void benchSyntheticRedraw(VTTimelineView& view)
@@ -194,12 +205,12 @@ void benchSyntheticRedraw(VTTimelineView& view)
         settle([&] { return source->idle(); });
         drainMainQueue();
         view.grabFramebuffer();
-        const double milliseconds = frameMilliseconds(view);
-        report(QStringLiteral("Redraw, 8 x 200 synthetic clips, %1 ms/point, %2 in sight%3")
-                   .arg(view.durationPerPixel())
-                   .arg(source->clipsWithTextures(view))
-                   .arg(view.durationPerPixel() == 45 ? QStringLiteral(" (target <= 16 ms)") : QString()),
-               milliseconds, "ms");
+        const FrameTimes times = frameMilliseconds(view);
+        reportFrames(QStringLiteral("Redraw, 8 x 200 synthetic clips, %1 ms/point, %2 in sight%3")
+                         .arg(view.durationPerPixel())
+                         .arg(source->clipsWithTextures(view))
+                         .arg(view.durationPerPixel() == 45 ? QStringLiteral(", target <= 16 ms") : QString()),
+                     times);
     }
 }
 
@@ -247,9 +258,9 @@ void benchAdapterRedraw(VTTimelineView& view, const std::vector<std::shared_ptr<
         view.scrollPoint(QPointF(view.pixelWithTimestamp(300000), view.visibleRect().y()));
         view.grabFramebuffer();
         settleAdapters(view, *adapter);
-        report(QStringLiteral("Redraw, 8 x 200 clips of decoded media through VTProjectAdapter, %1 ms/point")
-                   .arg(view.durationPerPixel()),
-               frameMilliseconds(view), "ms");
+        reportFrames(QStringLiteral("Redraw, 8 x 200 decoded clips via VTProjectAdapter, %1 ms/point")
+                         .arg(view.durationPerPixel()),
+                     frameMilliseconds(view));
     }
 }
 
@@ -431,8 +442,7 @@ int main(int argc, char** argv)
         empty.resize(kWidth, kHeight);
         empty.show();
         settle([&] { return empty.glWidget()->isValid(); }, 10000);
-        report(QStringLiteral("Frame of an empty view (lanes and ruler only: the floor)"), frameMilliseconds(empty),
-               "ms");
+        reportFrames(QStringLiteral("Frame of an empty view (lanes and ruler: the floor)"), frameMilliseconds(empty));
     }
     benchSyntheticRedraw(view);
     if (redrawOnly)

@@ -132,14 +132,16 @@ void VTTimelineClipBatch::addRoundRectOutline(const QRectF& rect, double radius,
     }
 }
 
-void VTTimelineClipBatch::addQuad(std::vector<Quad>& quads, uint32_t texture, const QRectF& rect, double s0,
-                                  double s1, double t0, double t1)
+void VTTimelineClipBatch::addQuad(Quads& quads, uint32_t texture, const QRectF& rect, double s0, double s1,
+                                  double t0, double t1)
 {
     if (texture == 0 || rect.width() <= 0 || rect.height() <= 0)
         return;
     const double left = rect.x(), right = rect.x() + rect.width();
     const double low = rect.y(), high = rect.y() + rect.height();
-    quads.push_back(Quad{texture, {left, low, right, low, right, high, left, high}, {s0, t0, s1, t0, s1, t1, s0, t1}});
+    quads.textures.push_back(texture);
+    quads.vertices.insert(quads.vertices.end(), {left, low, right, low, right, high, left, high});
+    quads.coordinates.insert(quads.coordinates.end(), {s0, t0, s1, t0, s1, t1, s0, t1});
 }
 
 void VTTimelineClipBatch::addWave(uint32_t texture, const QRectF& rect, double s0, double s1, double t0, double t1)
@@ -147,9 +149,9 @@ void VTTimelineClipBatch::addWave(uint32_t texture, const QRectF& rect, double s
     addQuad(m_waves, texture, rect, s0, s1, t0, t1);
 }
 
-void VTTimelineClipBatch::addTitle(uint32_t texture, const QRectF& rect, double s0, double s1)
+void VTTimelineClipBatch::addTitle(uint32_t texture, const QRectF& rect, double s0, double s1, double t0, double t1)
 {
-    addQuad(m_titles, texture, rect, s0, s1, 0, 1);
+    addQuad(m_titles, texture, rect, s0, s1, t0, t1);
 }
 
 bool VTTimelineClipBatch::overlaps(const QRectF& area) const
@@ -157,19 +159,25 @@ bool VTTimelineClipBatch::overlaps(const QRectF& area) const
     return std::any_of(m_areas.begin(), m_areas.end(), [&](const QRectF& kept) { return kept.intersects(area); });
 }
 
-void VTTimelineClipBatch::drawQuads(QOpenGLFunctions_2_1* gl, const std::vector<Quad>& quads)
+void VTTimelineClipBatch::drawQuads(QOpenGLFunctions_2_1* gl, const Quads& quads)
 {
-    if (quads.empty())
+    if (quads.textures.empty())
         return;
     gl->glEnable(GL_TEXTURE_2D);
     enableBlending(gl);
     gl->glTexEnvi(GL_TEXTURE_ENV, GL_TEXTURE_ENV_MODE, GL_REPLACE);
     gl->glEnableClientState(GL_TEXTURE_COORD_ARRAY);
-    for (const Quad& quad : quads) {
-        gl->glBindTexture(GL_TEXTURE_2D, quad.texture);
-        gl->glVertexPointer(2, GL_DOUBLE, 0, quad.vertices);
-        gl->glTexCoordPointer(2, GL_DOUBLE, 0, quad.coordinates);
-        gl->glDrawArrays(GL_QUADS, 0, 4);
+    // Quads of one texture in a row are one draw.
+    const size_t count = quads.textures.size();
+    for (size_t first = 0; first < count;) {
+        size_t end = first + 1;
+        while (end < count && quads.textures[end] == quads.textures[first])
+            ++end;
+        gl->glBindTexture(GL_TEXTURE_2D, quads.textures[first]);
+        gl->glVertexPointer(2, GL_DOUBLE, 0, &quads.vertices[first * 8]);
+        gl->glTexCoordPointer(2, GL_DOUBLE, 0, &quads.coordinates[first * 8]);
+        gl->glDrawArrays(GL_QUADS, 0, GLsizei((end - first) * 4));
+        first = end;
     }
     gl->glDisableClientState(GL_TEXTURE_COORD_ARRAY);
     gl->glBindTexture(GL_TEXTURE_2D, 0);

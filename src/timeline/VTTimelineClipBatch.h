@@ -52,7 +52,7 @@ public:
     void addLine(double x0, double y0, double x1, double y1, const Colour& colour);
     void addRoundRectOutline(const QRectF& rect, double radius, const Colour& colour);
     void addWave(uint32_t texture, const QRectF& rect, double s0, double s1, double t0, double t1);
-    void addTitle(uint32_t texture, const QRectF& rect, double s0, double s1);
+    void addTitle(uint32_t texture, const QRectF& rect, double s0, double s1, double t0, double t1);
     void addSelection(const QRectF& bounds) { m_selections.push_back(bounds); }
     // Records a clip's area for the overlap test.
     void addArea(const QRectF& area) { m_areas.push_back(area); }
@@ -71,21 +71,28 @@ private:
         double x, y;
         uint8_t rgba[4];
     };
-    struct Quad {
-        uint32_t texture;
-        double vertices[8];
-        double coordinates[8];
+    // Textured quads: one texture each, four corners of x, y and s, t.
+    struct Quads {
+        std::vector<uint32_t> textures;
+        std::vector<double> vertices;
+        std::vector<double> coordinates;
+        void clear()
+        {
+            textures.clear();
+            vertices.clear();
+            coordinates.clear();
+        }
     };
     static Vertex vertex(double x, double y, const Colour& colour);
-    static void addQuad(std::vector<Quad>& quads, uint32_t texture, const QRectF& rect, double s0, double s1,
-                        double t0, double t1);
-    static void drawQuads(QOpenGLFunctions_2_1* gl, const std::vector<Quad>& quads);
+    static void addQuad(Quads& quads, uint32_t texture, const QRectF& rect, double s0, double s1, double t0,
+                        double t1);
+    static void drawQuads(QOpenGLFunctions_2_1* gl, const Quads& quads);
     void addFan(const std::vector<Vertex>& polygon);
 
     std::vector<Vertex> m_triangles;
     std::vector<Vertex> m_lines;
-    std::vector<Quad> m_waves;
-    std::vector<Quad> m_titles;
+    Quads m_waves;
+    Quads m_titles;
     std::vector<QRectF> m_selections;
     std::vector<QRectF> m_areas;
     std::vector<Vertex> m_polygon;

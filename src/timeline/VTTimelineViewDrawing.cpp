@@ -369,10 +369,11 @@ void VTTimelineView::drawClipTitle(const VTTimelineClip& clip, const QRectF& wit
     if (!description || !m_dataSource)
         return;
     const QString identifier = clip.identifier();
-    KRGLUString* title = m_textCache->title(identifier, *description, m_dataSource->selectedClip(identifier, this));
-    if (!title || title->textureID() == 0)
+    const VTTimelineTextCache::PlacedText* title =
+        m_textCache->title(identifier, *description, m_dataSource->selectedClip(identifier, this));
+    if (!title)
         return;
-    const double width = title->textureWidth(), height = title->textureHeight();
+    const double width = title->texels.width(), height = title->texels.height();
     // Whole points keep the text sharp.
     const double left = std::round(withBounds.x() + kTitleInset);
     const double bottom = std::round(withBounds.y() + (withBounds.height() - height) / 2);
@@ -381,8 +382,11 @@ void VTTimelineView::drawClipTitle(const VTTimelineClip& clip, const QRectF& wit
     const double to = std::min(left + width, cut.x() + cut.width());
     if (to <= from)
         return;
-    m_clipBatch->addTitle(title->textureID(), QRectF(from, bottom, to - from, height), (from - left) / width,
-                          (to - left) / width);
+    // The part of the text that is drawn, as coordinates in its atlas page.
+    const double pageWidth = title->pageSize.width(), pageHeight = title->pageSize.height();
+    m_clipBatch->addTitle(title->texture, QRectF(from, bottom, to - from, height),
+                          (title->texels.x() + from - left) / pageWidth, (title->texels.x() + to - left) / pageWidth,
+                          title->texels.y() / pageHeight, (title->texels.y() + height) / pageHeight);
 }
 
 void VTTimelineView::drawTicksmark(const QRectF& dirtyRect)
