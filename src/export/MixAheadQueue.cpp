@@ -4,6 +4,13 @@
 
 namespace brindle {
 
+namespace {
+
+// Blocks ready before a waiting consumer is woken (fewer when the mix ends).
+constexpr size_t kWakeConsumerAt = 4;
+
+}  // namespace
+
 MixAheadQueue::MixAheadQueue(qsizetype blockBytes, int depth, Produce produce, std::function<void()> finished)
     : m_slots(size_t(std::max(depth, 2)))
 {
@@ -45,7 +52,9 @@ void MixAheadQueue::run(const Produce& produce, const std::function<void()>& fin
             break;
         slot.content = *content;
         ++m_ready;
-        m_changed.notify_all();
+        // A waiting consumer is woken for a few blocks at a time, not each one.
+        if (m_consumerWaiting && m_ready >= std::min(kWakeConsumerAt, m_slots.size()))
+            m_changed.notify_all();
     }
     m_ended = true;
     lock.unlock();
@@ -63,7 +72,9 @@ std::optional<QByteArrayView> MixAheadQueue::take()
         --m_ready;
         m_changed.notify_all();
     }
+    m_consumerWaiting = true;
     m_changed.wait(lock, [this] { return m_stopped || m_ended || m_ready > 0; });
+    m_consumerWaiting = false;
     if (m_stopped || m_ready == 0)
         return std::nullopt;
     m_holding = true;

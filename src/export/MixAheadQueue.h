@@ -11,7 +11,9 @@
 //   the run (the end of the mix or `stop`).
 // - `take` (the consumer, one thread) waits for the next block and answers a
 //   view of it, valid until the next `take`; nullopt once the mix has ended
-//   and every block was taken, or after `stop`.
+//   and every block was taken, or after `stop`. A consumer that has to wait
+//   is woken when a few blocks are ready (or the mix ends), so that it takes
+//   them in a row instead of sleeping between blocks.
 // - `stop` may be called from any thread: the producer ends after the block
 //   it is mixing. The destructor stops and waits for the thread.
 // - Buffers: `depth` blocks, allocated when the queue is made. The producer
@@ -63,6 +65,7 @@ private:
     size_t m_head = 0;      // the oldest ready block (the held one while m_holding)
     size_t m_ready = 0;     // blocks mixed and not yet released by the consumer
     bool m_holding = false; // the consumer holds the block at m_head
+    bool m_consumerWaiting = false;
     bool m_ended = false;   // the producer made its last block
     bool m_stopped = false;
     std::thread m_thread;

@@ -43,8 +43,8 @@ namespace brindle {
 
 class ClipFeed : public std::enable_shared_from_this<ClipFeed> {
 public:
-    // Blocks kept ahead of the mix (2048-frame blocks: about 0.7 s at 48 kHz).
-    static constexpr size_t kDepth = 16;
+    // Blocks kept ahead of the mix (2048-frame blocks: about 1.4 s at 48 kHz).
+    static constexpr size_t kDepth = 32;
 
     // What one pull answered, and the state's counters after it.
     struct Outcome {
