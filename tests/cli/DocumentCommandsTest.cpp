@@ -1,10 +1,10 @@
 // brindle-cli build and info, run as a real process over real files.
+#include "support/ChildProcess.h"
 #include "support/TestEnvironment.h"
 #include "support/TestMedia.h"
 
 #include <QDir>
 #include <QFile>
-#include <QProcess>
 #include <QStandardPaths>
 
 #include <gtest/gtest.h>
@@ -21,17 +21,15 @@ struct CliRun {
 
 CliRun cli(const QStringList& arguments)
 {
-    QProcess process;
-    process.start(QStringLiteral(BRINDLE_CLI_PATH), arguments);
+    const brindle::test::ChildRun child = brindle::test::runChild(QStringLiteral(BRINDLE_CLI_PATH), arguments, 120000);
     CliRun run;
-    if (!process.waitForFinished(120000)) {
+    if (!child.finished) {
         ADD_FAILURE() << "brindle-cli did not finish";
-        process.kill();
         return run;
     }
-    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = QString::fromUtf8(process.readAllStandardOutput());
-    run.err = QString::fromUtf8(process.readAllStandardError());
+    run.exitCode = child.exitCode;
+    run.out = QString::fromUtf8(child.out);
+    run.err = QString::fromUtf8(child.err);
     return run;
 }
 

@@ -2,13 +2,13 @@
 // brindle-cli build: the WAV holds exactly the mix, the encoded formats carry
 // the chosen rate and the title, and failures say so with their exit status.
 #include "support/AudioProbe.h"
+#include "support/ChildProcess.h"
 #include "support/TestEnvironment.h"
 #include "support/TestMedia.h"
 
 #include <gtest/gtest.h>
 
 #include <QFile>
-#include <QProcess>
 
 #include <cmath>
 #include <cstring>
@@ -27,12 +27,11 @@ struct Outcome {
 
 Outcome cli(const QStringList& arguments)
 {
-    QProcess process;
-    process.start(QStringLiteral(BRINDLE_CLI_PATH), arguments);
+    const brindle::test::ChildRun child = brindle::test::runChild(QStringLiteral(BRINDLE_CLI_PATH), arguments, 180000);
     Outcome outcome;
-    if (process.waitForFinished(180000) && process.exitStatus() == QProcess::NormalExit) {
-        outcome.status = process.exitCode();
-        outcome.err = QString::fromUtf8(process.readAllStandardError());
+    if (child.finished) {
+        outcome.status = child.exitCode;
+        outcome.err = QString::fromUtf8(child.err);
     }
     return outcome;
 }

@@ -1,28 +1,28 @@
 #include "support/AudioProbe.h"
 
 #include "foundation/Log.h"
+#include "support/ChildProcess.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 
 namespace brindle::test {
 
 std::optional<AudioProbe> AudioProbe::ofFile(const QString& path)
 {
-    QProcess process;
-    process.start(QStringLiteral("ffprobe"),
+    const ChildRun run = runChild(QStringLiteral("ffprobe"),
                   {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-select_streams"),
                    QStringLiteral("a:0"), QStringLiteral("-show_entries"),
                    QStringLiteral("stream=codec_name,sample_rate,channels,bit_rate:stream_tags=title:format=duration,"
                                   "bit_rate:format_tags=title"),
-                   QStringLiteral("-of"), QStringLiteral("json"), path});
-    if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        brindle::log(QStringLiteral("ffprobe failed on %1: %2").arg(path, QString::fromUtf8(process.readAllStandardError())));
+                   QStringLiteral("-of"), QStringLiteral("json"), path},
+                  60000);
+    if (!run.succeeded()) {
+        brindle::log(QStringLiteral("ffprobe failed on %1: %2").arg(path, QString::fromUtf8(run.err)));
         return std::nullopt;
     }
-    const QJsonObject root = QJsonDocument::fromJson(process.readAllStandardOutput()).object();
+    const QJsonObject root = QJsonDocument::fromJson(run.out).object();
     const QJsonArray streams = root.value(QStringLiteral("streams")).toArray();
     if (streams.isEmpty()) {
         brindle::log(QStringLiteral("ffprobe found no audio stream in %1").arg(path));

@@ -1,5 +1,6 @@
 #include "support/TestMedia.h"
 
+#include "support/ChildProcess.h"
 #include "support/TestEnvironment.h"
 
 #include "foundation/Log.h"
@@ -7,7 +8,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
 #include <QSaveFile>
 #include <QStandardPaths>
 
@@ -398,35 +398,25 @@ bool runFfmpegProcess(const QStringList& arguments, int timeoutMs, QByteArray* o
         log(QStringLiteral("TestMedia: the ffmpeg program is not installed"));
         return false;
     }
-    QProcess process;
     QStringList all{QStringLiteral("-nostdin"), QStringLiteral("-loglevel"), QStringLiteral("error"),
                     QStringLiteral("-y")};
     all << arguments;
-    process.start(QStringLiteral("ffmpeg"), all);
-    if (!process.waitForStarted(10000)) {
-        log(QStringLiteral("TestMedia: cannot start ffmpeg"));
+    ChildRun run = runChild(QStringLiteral("ffmpeg"), all, timeoutMs);
+    if (!run.started) {
+        log(QStringLiteral("TestMedia: cannot start ffmpeg: %1").arg(QString::fromUtf8(run.err)));
         return false;
     }
-    QByteArray collected;
-    // Read as it comes, so a large decode never fills the pipe and stalls.
-    while (process.state() != QProcess::NotRunning) {
-        if (!process.waitForReadyRead(timeoutMs) && process.state() != QProcess::NotRunning) {
-            process.kill();
-            process.waitForFinished();
-            log(QStringLiteral("TestMedia: ffmpeg timed out: %1").arg(all.join(QLatin1Char(' '))));
-            return false;
-        }
-        collected += process.readAllStandardOutput();
+    if (!run.finished) {
+        log(QStringLiteral("TestMedia: ffmpeg timed out: %1").arg(all.join(QLatin1Char(' '))));
+        return false;
     }
-    process.waitForFinished();
-    collected += process.readAllStandardOutput();
-    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
+    if (run.exitCode != 0) {
         log(QStringLiteral("TestMedia: ffmpeg failed (%1): %2")
-                .arg(all.join(QLatin1Char(' ')), QString::fromUtf8(process.readAllStandardError()).trimmed()));
+                .arg(all.join(QLatin1Char(' ')), QString::fromUtf8(run.err).trimmed()));
         return false;
     }
     if (output)
-        *output = std::move(collected);
+        *output = std::move(run.out);
     return true;
 }
 
