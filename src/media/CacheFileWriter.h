@@ -40,7 +40,7 @@ class CacheFileWriter {
 public:
     // Frames that may wait for the writer (about a quarter of a second of
     // 44.1 kHz MP3).
-    static constexpr size_t kQueuedFrames = 64;
+    static constexpr size_t kQueuedFrames = 128;
 
     struct Result {
         std::vector<std::shared_ptr<VTAudioFrameInfo>> rows;
@@ -60,7 +60,7 @@ public:
 private:
     // Frames that wait before a waiting writer is woken: it then takes them
     // all at once instead of waking for every frame.
-    static constexpr size_t kWakeBatch = 8;
+    static constexpr size_t kWakeBatch = 32;
 
     void run();
     // Stores one frame; false when its record could not be made or written.

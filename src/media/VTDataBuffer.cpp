@@ -16,6 +16,9 @@ namespace {
 
 const QString kCachePathFileKey = QStringLiteral("kKRCachePathFile");
 
+// Held bytes beyond which the held buffer takes its full size.
+constexpr int64_t kReserveAbove = 256 * 1024;
+
 void logWriteFailure(const QString& path)
 {
     brindle::log(QStringLiteral("Warning: can not write cache file %1: %2").arg(path, brindle::cachefile::errorText()));
@@ -110,6 +113,10 @@ bool VTDataBuffer::writeDataBuffer(const char* bytes, int64_t length)
 {
     if (length <= 0)
         return true;
+    // A buffer that is going to hold more than a little is given its whole
+    // room at once: growing it step by step would touch twice the memory.
+    if (m_cacheDataBuffer.capacity() < kMaximumHeldBytes && m_cacheDataBuffer.size() + length > kReserveAbove)
+        m_cacheDataBuffer.reserve(qsizetype(kMaximumHeldBytes));
     if (m_cacheDataBuffer.size() + length <= kMaximumHeldBytes) {
         m_cacheDataBuffer.append(bytes, qsizetype(length));
         return true;

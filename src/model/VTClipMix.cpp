@@ -60,6 +60,15 @@ void fillSilence(uint8_t* at, int64_t frames, const VTMixContext& context)
                 static_cast<size_t>(frames) * static_cast<size_t>(context.bytesPerSample()));
 }
 
+// Reads through the state's own frame cursor when it has one.
+uint64_t readMedia(VTClipMixContext& state, uint64_t count, void* buffer, uint64_t index)
+{
+    const auto& provider = state.dataProvider();
+    if (VTDataProvider::FrameCursor* cursor = state.frameCursor())
+        return provider->readSampleOfCount(count, buffer, index, *cursor);
+    return provider->readSampleOfCount(count, buffer, index);
+}
+
 std::shared_ptr<VTClipMixContext>* mixStateOf(const VTClip& clip, VTMixContext& context)
 {
     return context.userInfoForKey<std::shared_ptr<VTClipMixContext>>(clip.identifier());
@@ -208,7 +217,7 @@ bool VTClip::readDirect(VTClipMixContext& state, PullTarget& target, const VTMix
         return false;
     const int64_t frameBytes = context.bytesPerSample();
     const int64_t count = static_cast<int64_t>(
-        provider->readSampleOfCount(target.need, target.buffer + target.position * frameBytes, index));
+        readMedia(state, uint64_t(target.need), target.buffer + target.position * frameBytes, uint64_t(index)));
     if (count <= 0)
         return false;
     const int64_t taken = std::min(count, target.need);
@@ -232,7 +241,7 @@ bool VTClip::readConverting(VTClipMixContext& state, PullTarget& target, const V
     // the surplus is kept in the cache rather than read again.
     const int64_t request = mediaRate * target.need / context.samplerate() + 1024;
     uint8_t* scratch = state.readBuffer(static_cast<size_t>(request * mediaFrameBytes));
-    const int64_t count = std::min<int64_t>(static_cast<int64_t>(provider->readSampleOfCount(request, scratch, index)),
+    const int64_t count = std::min<int64_t>(static_cast<int64_t>(readMedia(state, uint64_t(request), scratch, uint64_t(index))),
                                             request);
     if (count <= 0)
         return false;

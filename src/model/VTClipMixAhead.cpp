@@ -77,6 +77,7 @@ void VTClip::startFeed(VTClipMixContext& state, int64_t frames, const VTMixConte
     if (!self)
         return;
     std::shared_ptr<VTClipMixContext> own = state.pristineCopy();
+    own->keepOwnFrameCursor();
     auto format = std::make_shared<VTMixContext>(context.samplerate(), context.numberOfChannel(), context.sampleFormat());
     ClipFeed::Compute compute = [self, own, format, frames](uint8_t* block) {
         ClipFeed::Outcome outcome;

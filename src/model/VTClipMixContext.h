@@ -26,6 +26,8 @@
 // - Used by one mixing thread at a time.
 #pragma once
 
+#include "media/VTDataProvider.h"
+
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -78,6 +80,12 @@ public:
     int64_t mediaNumberOfChannel() const { return m_mediaNumberOfChannel; }
     int64_t mediaBytesPerSample() const { return m_mediaBytesPerSample; }
 
+    // The state's own memory of the media frame it read last, when it has
+    // one (a feed's state: its pulls move between threads, and it reads one
+    // stream); null when reads use the reading thread's memory.
+    VTDataProvider::FrameCursor* frameCursor() { return m_frameCursor.get(); }
+    void keepOwnFrameCursor() { m_frameCursor = std::make_unique<VTDataProvider::FrameCursor>(); }
+
     // A scratch buffer of at least `bytes` bytes, kept between pulls.
     uint8_t* readBuffer(size_t bytes);
     // The resampler's output, kept between pulls.
@@ -123,6 +131,7 @@ private:
     int64_t m_mediaNumberOfChannel = 0;
     int64_t m_mediaBytesPerSample = 0;
     std::vector<uint8_t> m_readBuffer;
+    std::unique_ptr<VTDataProvider::FrameCursor> m_frameCursor;
     std::vector<uint8_t> m_converted;
 
     std::shared_ptr<VTVolumeEffect> m_volumeEffect;
