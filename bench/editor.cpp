@@ -2,10 +2,12 @@
 // Prints the time of undo and redo of a move of 10 selected clips (an edit
 // step, which records only those clips), of a paste (a step that records
 // the whole project), and the time from opening the document in a new
-// editor to the first frame with every visible waveform drawn, beside the
-// start-up of the `brindle` process itself (`brindle --version`).
-// Targets: an edit's undo ≤ 20 ms, a whole-project undo ≤ 100 ms, first
-// frame ≤ 1 s. Needs an X display (run under xvfb-run -a).
+// editor to the first frame with every visible waveform drawn (every point
+// of each visible clip's stretch arrived and rendered), beside the start-up
+// of the `brindle` process itself (`brindle --version`); their sum is what
+// `brindle FILE` takes to show the project whole.
+// Targets: an edit's undo ≤ 20 ms, a whole-project undo ≤ 100 ms, that sum
+// ≤ 1 s. Needs an X display (run under xvfb-run -a).
 #include "app/AppDelegate.h"
 #include "app/KRCommandStackMgr.h"
 #include "app/MainWindow.h"
@@ -21,6 +23,7 @@
 #include "tasks/VTProjectTasks.h"
 #include "timeline/VTTimelineView.h"
 #include "timeline/VTWaveCache.h"
+#include "waveform/VTFeatureSample.h"
 #include "waveform/VTProjectAdapter.h"
 
 #include <QApplication>
@@ -75,6 +78,21 @@ std::pair<double, double> undoRedoMilliseconds(AppDelegate& app)
     return {median(undos), median(redos)};
 }
 
+// Whether the points a cache holds reach the end of the stretch it asked
+// for (the last point ends within one point's span of it).
+bool reachesStretchEnd(const VTWaveCache& cache)
+{
+    const uint64_t bytes = cache.bytesPerFeatureSamples();
+    if (cache.numberOfFeatureSamples() == 0 || bytes == 0)
+        return false;
+    const QByteArray& data = cache.dataForFeatureSamples();
+    auto last = VTFeatureSample::initWithData(data.right(qsizetype(bytes)));
+    if (!last)
+        return false;
+    const int64_t end = cache.timestampsOfDataProvider() + cache.durationOfTrack();
+    return last->timestampOfDataProvider() + last->durationOfTrack() + int64_t(cache.dpp()) >= end;
+}
+
 // Whether every clip the timeline shows has its waveform rendered.
 bool everyVisibleWaveformDrawn(AppDelegate& app)
 {
@@ -88,7 +106,9 @@ bool everyVisibleWaveformDrawn(AppDelegate& app)
             if (!view->boundsOfClip(*clip, track).intersects(visible))
                 continue;
             auto cache = view->clipCacheWithIdentifier(clip->identifier());
-            if (!cache || !cache->drawComplete())
+            // Every point of the requested stretch has arrived and the
+            // texture was rendered from them by a frame since.
+            if (!cache || !cache->drawComplete() || !reachesStretchEnd(*cache))
                 return false;
             any = true;
         }
@@ -149,6 +169,9 @@ int main(int argc, char** argv)
         report(QStringLiteral("Undo of a paste, whole-project snapshot (target <= 100 ms)"), pasteUndo, "ms");
         report(QStringLiteral("Redo of a paste, whole-project snapshot"), pasteRedo, "ms");
 
+        // Saved as the editor saves: the project knows its file (the archive
+        // keeps the URL, which is how the opened document is recognised).
+        app->project()->setUrl(QUrl::fromLocalFile(document));
         VTTaskContext context;
         context.set(kVTImportObjects, VTTaskContext::objectList(std::vector<std::shared_ptr<VTProject>>{app->project()}));
         context.set(kVTImportURLs, QList<QUrl>{QUrl::fromLocalFile(document)});
@@ -170,18 +193,21 @@ int main(int argc, char** argv)
     const bool drawn = runMainQueueUntil(
         [&] {
             QCoreApplication::processEvents();
-            return app->project()->title() == QStringLiteral("Big") && everyVisibleWaveformDrawn(*app);
+            return app->project() && app->project()->url() == QUrl::fromLocalFile(document)
+                   && everyVisibleWaveformDrawn(*app);
         },
         30000);
     const double firstFrame = double(clock.nsecsElapsed()) / 1e6;
     if (!drawn)
         std::puts("(the waveforms were not all drawn within 30 s)");
-    report(QStringLiteral("Open to first frame with every visible waveform (target <= 1000 ms)"), firstFrame, "ms");
+    report(QStringLiteral("Open in a new editor to first frame with every visible waveform"), firstFrame, "ms");
     app.reset();
 
 #ifdef BRINDLE_EDITOR_PATH
     const double start = timeProgram(QStringLiteral(BRINDLE_EDITOR_PATH), {QStringLiteral("--version")});
     report(QStringLiteral("Start-up of the brindle process (brindle --version)"), start * 1000.0, "ms");
+    report(QStringLiteral("brindle FILE to every waveform drawn: start-up + open (target <= 1000 ms)"),
+           start * 1000.0 + firstFrame, "ms");
 #endif
     return 0;
 }

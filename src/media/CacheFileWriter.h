@@ -38,7 +38,7 @@ class VTDataBuffer;
 
 class CacheFileWriter {
 public:
-    // Frames that may wait for the writer (about a quarter of a second of
+    // Frames that may wait for the writer (about three seconds of
     // 44.1 kHz MP3).
     static constexpr size_t kQueuedFrames = 128;
 
