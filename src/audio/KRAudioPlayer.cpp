@@ -2,11 +2,37 @@
 
 #include "foundation/Log.h"
 
+#include <alsa/asoundlib.h>
+#include <dlfcn.h>
 #include <portaudio.h>
 
+#include <cstdlib>
 #include <cstring>
 
 namespace {
+
+// While PortAudio lists the devices, ALSA prints a line for every
+// configuration it cannot open and the JACK client library one for every
+// server it cannot reach: dozens on a machine without a sound card or sound
+// server, on every start of the editor. What matters (no device, a device
+// that failed) is logged by the player itself, so their own lines are
+// dropped unless BRINDLE_AUDIO_DEBUG is set. The JACK library is PortAudio's
+// dependency, not ours: its message hooks are looked up in the process.
+void dropAlsaMessage(const char*, int, const char*, int, const char*, ...) {}
+void dropJackMessage(const char*) {}
+
+void quietSoundLibrariesUnlessDebugging()
+{
+    const char* debug = std::getenv("BRINDLE_AUDIO_DEBUG");
+    if (debug && *debug)
+        return;
+    snd_lib_error_set_handler(dropAlsaMessage);
+    using SetMessageHook = void (*)(void (*)(const char*));
+    for (const char* name : {"jack_set_error_function", "jack_set_info_function"}) {
+        if (auto setHook = reinterpret_cast<SetMessageHook>(dlsym(RTLD_DEFAULT, name)))
+            setHook(dropJackMessage);
+    }
+}
 
 // Initialises PortAudio once per process and answers whether it is usable.
 // It is never terminated: a stream of another player may still be open
@@ -14,6 +40,7 @@ namespace {
 bool portAudioReady()
 {
     static const bool ready = [] {
+        quietSoundLibrariesUnlessDebugging();
         const PaError error = Pa_Initialize();
         if (error != paNoError) {
             brindle::logf("Audio output: PortAudio could not be initialised (%s); playback is unavailable",
