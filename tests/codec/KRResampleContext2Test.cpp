@@ -78,29 +78,20 @@ double peak(const std::vector<double>& signal)
     return top;
 }
 
-// A sine keeps its level and frequency across 44100 → 48000 Hz (away from
-// the ends every output is the ideal sine at its own time) and its length,
-// and a stream converted in blocks equals one conversion of the whole.
-TEST(KRResampleContext2Test, aSineKeepsItsShapeAndLengthWhetherConvertedWholeOrInBlocks)
+// Blocks, then a flush, make one stream: across 44100 → 48000 Hz a sine
+// keeps its length, and away from the ends every output is the ideal sine at
+// its own time. (The filter's own precision is PolyphaseResamplerTest's.)
+TEST(KRResampleContext2Test, aSineConvertedInBlocksKeepsItsShapeAndLength)
 {
-    for (int32_t destFormat : {kS16, kFloat}) {
-        SCOPED_TRACE(destFormat);
-        auto resampler = converter(kS16, destFormat, 2, 2, 44100, 48000);
-        auto whole = converter(kS16, destFormat, 2, 2, 44100, 48000);
-        ASSERT_TRUE(resampler && whole);
-        const int64_t frames = 44100 * 2;
-        const auto input = sine16(frames, 2, 1000.0, 44100, 16384.0);
-        const auto output = convertStream(*resampler, input, 2, 1021);
-        EXPECT_NEAR(double(output.size() / 2), double(frames * 48000 / 44100), 4.0);
-        double worst = 0;
-        for (size_t i = 2000; i + 2000 < output.size(); ++i)
-            worst = std::max(worst, std::fabs(output[i] - 0.5 * std::sin(2.0 * M_PI * 1000.0 * double(i / 2) / 48000.0)));
-        EXPECT_LT(worst, 2e-3);
-        const auto expected = convertStream(*whole, input, 2, frames);
-        ASSERT_EQ(output.size(), expected.size());
-        for (size_t i = 0; i < expected.size(); ++i)
-            ASSERT_NEAR(output[i], expected[i], 1e-6) << i;
-    }
+    auto resampler = converter(kS16, kFloat, 2, 2, 44100, 48000);
+    ASSERT_TRUE(resampler);
+    const int64_t frames = 44100;
+    const auto output = convertStream(*resampler, sine16(frames, 2, 1000.0, 44100, 16384.0), 2, 1021);
+    EXPECT_NEAR(double(output.size() / 2), double(frames * 48000 / 44100), 4.0);
+    double worst = 0;
+    for (size_t i = 2000; i + 2000 < output.size(); ++i)
+        worst = std::max(worst, std::fabs(output[i] - 0.5 * std::sin(2.0 * M_PI * 1000.0 * double(i / 2) / 48000.0)));
+    EXPECT_LT(worst, 2e-3);
 }
 
 TEST(KRResampleContext2Test, framesInAndOutCarryTheDestinationDescriptionAndFlushEndsTheStream)

@@ -18,7 +18,6 @@ using namespace KRSampleFormat;
 
 namespace {
 
-
 // Interleaved float frames; channel c carries a sine of frequencies[c].
 std::vector<float> sines(int64_t frames, const std::vector<double>& frequencies, int64_t rate, double amplitude)
 {
@@ -40,11 +39,13 @@ auto convertAll(PolyphaseResampler& resampler, const std::vector<In>& input, int
     using Sample = std::conditional_t<std::is_void_v<Out>, In, Out>;
     const int64_t frames = int64_t(input.size()) / channels;
     std::vector<Sample> out;
-    std::vector<Sample> piece(size_t(capacity * channels));
+    // One frame more than the capacity, which must stay untouched.
+    std::vector<Sample> piece(size_t((capacity + 1) * channels), Sample(7));
     auto drain = [&](const In* samples, int64_t count) {
         int64_t made = resampler.convert(samples, count, piece.data(), capacity);
         while (true) {
             EXPECT_GE(made, 0);
+            EXPECT_EQ(piece.back(), Sample(7));
             if (made <= 0)
                 break;
             out.insert(out.end(), piece.begin(), piece.begin() + made * channels);
@@ -161,30 +162,17 @@ TEST(PolyphaseResamplerTest, blockSizesOutputCapacitiesAndResetsDoNotChangeTheSt
 TEST(PolyphaseResamplerTest, integerFormatsKeepALevelExactlyAndSaturateOvershootWithoutWrapping)
 {
     // A constant level comes out unchanged in every integer format.
-    {
-        const std::vector<int16_t> level(2 * 5000, int16_t(-12345));
-        auto resampler = PolyphaseResampler::make(kS16, kS16, 2, 44100, 48000);
+    auto expectSteady = [](const auto& input, auto level, int32_t from, int32_t to, int64_t channels, int64_t in,
+                           int64_t out) {
+        auto resampler = PolyphaseResampler::make(from, to, channels, in, out);
         ASSERT_TRUE(resampler);
-        const auto output = convertAll(*resampler, level, 2, 1024, 1024);
-        for (size_t i = 2 * 40; i < output.size() - 2 * 40; ++i)
-            ASSERT_EQ(output[i], -12345) << i;
-    }
-    {
-        const std::vector<uint8_t> level(3000, uint8_t(200));
-        auto resampler = PolyphaseResampler::make(kU8, kU8, 1, 32000, 44100);
-        ASSERT_TRUE(resampler);
-        const auto output = convertAll(*resampler, level, 1, 512, 512);
-        for (size_t i = 40; i < output.size() - 40; ++i)
-            ASSERT_EQ(output[i], 200) << i;
-    }
-    {
-        const std::vector<int32_t> level(3000, 1 << 30);
-        auto resampler = PolyphaseResampler::make(kS32, kDouble, 1, 48000, 44100);
-        ASSERT_TRUE(resampler);
-        const auto output = convertAll<double>(*resampler, level, 1, 512, 512);
-        for (size_t i = 40; i < output.size() - 40; ++i)
-            ASSERT_NEAR(output[i], 0.5, 1e-6) << i;
-    }
+        const auto output = convertAll<decltype(level)>(*resampler, input, channels, 512, 512);
+        for (size_t i = size_t(40 * channels); i < output.size() - size_t(40 * channels); ++i)
+            ASSERT_NEAR(double(output[i]), double(level), 1e-6) << i;
+    };
+    expectSteady(std::vector<int16_t>(2 * 5000, -12345), int16_t(-12345), kS16, kS16, 2, 44100, 48000);
+    expectSteady(std::vector<uint8_t>(3000, 200), uint8_t(200), kU8, kU8, 1, 32000, 44100);
+    expectSteady(std::vector<int32_t>(3000, 1 << 30), 0.5, kS32, kDouble, 1, 48000, 44100);
     // A full-scale square wave rings past full scale at its edges; the
     // overshoot is clamped, never wrapped to the other sign.
     std::vector<float> square(8000);
