@@ -251,6 +251,12 @@ TEST(KRAudioFrameRecord, recordsUnpackToTheFrameSamplesByTheReaderAndTheGenericP
     const QByteArray lookAlike = recordOf(ForgedFrame({1, 2, 44100, 1, 4}, QStringLiteral("KRAudioFrame3")));
     EXPECT_FALSE(readerSamples(reader, lookAlike, {1, 2, 1, 4}));
     EXPECT_TRUE(readerSamples(reader, record, shapeOf(*frame)));
+    // Right after it, the same archive but for a class name of the same
+    // length, which lies past the samples: the reader must not take it for
+    // the record it has just read.
+    QByteArray renamed = brindle::KeyedArchiver::archivedDataWithRootObject(*frame);
+    renamed.replace("KRAudioFrame2", "KRAudioFrame3");
+    EXPECT_FALSE(readerSamples(reader, KRZlibCompression::zlibCompressionCompress(renamed), shapeOf(*frame)));
 }
 
 // Every truncation and every single-byte change of a record: the reader
