@@ -11,11 +11,10 @@
 #include "model/ModelFixtures.h"
 #include "model/VTClip.h"
 #include "model/VTTrack.h"
+#include "support/ChildProcess.h"
 #include "support/TestEnvironment.h"
 
 #include <QClipboard>
-#include <QProcess>
-#include <QProcessEnvironment>
 #include <QPushButton>
 #include <QSlider>
 #include <QToolButton>
@@ -202,16 +201,14 @@ TEST_F(EditingTest, ClipsCopiedHerePasteInASecondEditorProcess)
     trigger(window().actions().copy);
     // The other process shares this one's settings and caches, so it knows the media.
     brindle::UserDefaults::standardUserDefaults().synchronize();
-    QProcess other;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QString::fromLatin1(TestEnvironment::kSharedHomeVariable), TestEnvironment::current().root());
-    other.setProcessEnvironment(environment);
-    other.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    other.start(QCoreApplication::applicationFilePath(),
-                {QStringLiteral("--gtest_also_run_disabled_tests"), QStringLiteral("--gtest_filter=*DISABLED_PasteSide")});
     // This process must keep serving the clipboard while the other one reads it.
-    BRINDLE_WAIT_TRUE_FOR(other.state() == QProcess::NotRunning, 60000);
-    const QString output = QString::fromUtf8(other.readAllStandardOutput());
+    const ChildRun other = runChild(
+        QCoreApplication::applicationFilePath(),
+        {QStringLiteral("--gtest_also_run_disabled_tests"), QStringLiteral("--gtest_filter=*DISABLED_PasteSide")}, 60000,
+        {QString::fromLatin1(TestEnvironment::kSharedHomeVariable) + QLatin1Char('=') + TestEnvironment::current().root()},
+        [] { QCoreApplication::processEvents(QEventLoop::AllEvents, 5); });
+    ASSERT_TRUE(other.finished) << other.err.toStdString();
+    const QString output = QString::fromUtf8(other.out);
     EXPECT_TRUE(output.contains(QStringLiteral("pasted 4000"))) << output.toStdString();
 }
 

@@ -11,6 +11,7 @@
 #include "model/VTClip.h"
 #include "model/VTTrack.h"
 #include "support/AudioProbe.h"
+#include "support/ChildProcess.h"
 #include "support/TestEnvironment.h"
 #include "support/TestMedia.h"
 
@@ -18,7 +19,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QMimeData>
-#include <QProcess>
 
 namespace brindle::test {
 namespace {
@@ -174,11 +174,11 @@ TEST_F(ImportExportTest, ExportWritesWhatTheCommandLineRendersForTheSameDocument
     EXPECT_EQ(probe->channels, 2);
 
     const QString rendered = folder + QStringLiteral("/Rendered.wav");
-    QProcess cli;
-    cli.start(QStringLiteral(BRINDLE_CLI_PATH),
-              {QStringLiteral("render"), document, rendered, QStringLiteral("--rate"), QStringLiteral("22500")});
-    ASSERT_TRUE(cli.waitForFinished(60000));
-    ASSERT_EQ(cli.exitCode(), 0) << cli.readAllStandardError().toStdString();
+    const ChildRun cli = runChild(QStringLiteral(BRINDLE_CLI_PATH),
+                                  {QStringLiteral("render"), document, rendered, QStringLiteral("--rate"),
+                                   QStringLiteral("22500")},
+                                  60000);
+    ASSERT_EQ(cli.exitCode, 0) << cli.err.toStdString();
     const auto ours = TestMedia::decodeWithFfmpeg(exported, 1);
     const auto theirs = TestMedia::decodeWithFfmpeg(rendered, 1);
     ASSERT_TRUE(ours && theirs);

@@ -62,7 +62,7 @@ bool drain(int fd, QByteArray& into)
 }  // namespace
 
 ChildRun runChild(const QString& program, const QStringList& arguments, int timeoutMs,
-                  const QStringList& extraEnvironment)
+                  const QStringList& extraEnvironment, const std::function<void()>& whileWaiting)
 {
     ChildRun run;
     int out[2];
@@ -111,9 +111,12 @@ ChildRun runChild(const QString& program, const QStringList& arguments, int time
     bool errOpen = true;
     while ((outOpen || errOpen) && !deadline.hasExpired()) {
         pollfd fds[2] = {{outOpen ? out[0] : -1, POLLIN, 0}, {errOpen ? err[0] : -1, POLLIN, 0}};
-        const int ready = ::poll(fds, 2, int(std::min<qint64>(deadline.remainingTime(), 1000)));
+        const int slice = whileWaiting ? 10 : 1000;
+        const int ready = ::poll(fds, 2, int(std::min<qint64>(deadline.remainingTime(), slice)));
         if (ready < 0 && errno != EINTR)
             break;
+        if (whileWaiting)
+            whileWaiting();
         if (outOpen && (fds[0].revents & (POLLIN | POLLHUP | POLLERR)))
             outOpen = drain(out[0], run.out);
         if (errOpen && (fds[1].revents & (POLLIN | POLLHUP | POLLERR)))

@@ -14,12 +14,17 @@
 //   ("NAME=value" entries, overriding), and reads its standard output and
 //   error as they come, so a large output never stalls the child.
 // - It waits at most `timeoutMs`; a child still running then is killed.
-// - Blocking, callable from any thread; no Qt event loop is needed.
+// - Blocking, callable from any thread; no Qt event loop is needed. A test
+//   whose child needs this process meanwhile (a second editor reading the
+//   clipboard this one owns) passes `whileWaiting`, which runs every few
+//   milliseconds until the child ends, e.g. to process the events.
 #pragma once
 
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
+
+#include <functional>
 
 namespace brindle::test {
 
@@ -34,6 +39,6 @@ struct ChildRun {
 };
 
 ChildRun runChild(const QString& program, const QStringList& arguments, int timeoutMs,
-                  const QStringList& extraEnvironment = {});
+                  const QStringList& extraEnvironment = {}, const std::function<void()>& whileWaiting = {});
 
 }  // namespace brindle::test
