@@ -9,12 +9,28 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <vector>
 
 namespace {
+
+#if defined(__SANITIZE_THREAD__)
+// ThreadSanitizer exempts the X, GL and Qt GUI libraries (tests/tsan.supp)
+// but stops the process when an exempted library is unloaded, and Mesa
+// unloads its GLX vendor library and driver (with the libraries they
+// brought in) when the last GL context goes. Loading them once more, never
+// to be unloaded, keeps them in place for the whole run.
+void keepGLDriverLoaded()
+{
+    for (const char* path : {"libGLX_mesa.so.0", "/usr/lib/x86_64-linux-gnu/dri/swrast_dri.so"})
+        ::dlopen(path, RTLD_LAZY | RTLD_LOCAL | RTLD_NODELETE);
+}
+#else
+void keepGLDriverLoaded() {}
+#endif
 
 // Replaces this process with `xvfb-run -a -s "-screen 0 1600x1000x24" <argv>`.
 int rerunUnderXvfb(const std::vector<char*>& arguments)
@@ -41,6 +57,7 @@ int main(int argc, char** argv)
 
     qputenv("LIBGL_ALWAYS_SOFTWARE", "1");
     qputenv("QT_QPA_PLATFORM", "xcb");
+    keepGLDriverLoaded();
     brindle::test::TestEnvironment environment;
     QApplication app(argc, argv);
     return RUN_ALL_TESTS();
