@@ -239,6 +239,8 @@ void VTDocumentController::saveProjectTaskEndWithContext(const VTTaskContext& co
 QMessageBox* VTDocumentController::makeSheet(const QString& text, const QString& informativeText)
 {
     auto* sheet = new QMessageBox(m_app.window());
+    // Window managers show a dialog without a title as "Untitled".
+    sheet->setWindowTitle(QApplication::applicationDisplayName());
     sheet->setAttribute(Qt::WA_DeleteOnClose);
     sheet->setWindowModality(Qt::WindowModal);
     sheet->setText(text);

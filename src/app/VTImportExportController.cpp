@@ -253,6 +253,7 @@ void VTImportExportController::exportCompleted(const QString& path, int result)
     if (result != 0)
         return;
     auto* sheet = new QMessageBox(m_app.window());
+    sheet->setWindowTitle(QApplication::applicationDisplayName());
     sheet->setObjectName(QStringLiteral("exportSucceededAlert"));
     sheet->setAttribute(Qt::WA_DeleteOnClose);
     sheet->setWindowModality(Qt::WindowModal);
