@@ -57,6 +57,20 @@ inline Group nextGroup(const Walk& walk, int64_t& tap, int64_t& phase, int64_t r
     return group;
 }
 
+// The next whole group of four from the filter's quad table (one look-up
+// instead of walking the phases); moves the walk past it.
+inline Group quadGroup(const Walk& walk, int64_t& tap, int64_t& phase)
+{
+    const PolyphaseFilter::Quad& quad = walk.quads[phase];
+    const Group group{{walk.coefficients + quad.row[0], walk.coefficients + quad.row[1],
+                       walk.coefficients + quad.row[2], walk.coefficients + quad.row[3]},
+                      {tap + quad.at[0], tap + quad.at[1], tap + quad.at[2], tap + quad.at[3]},
+                      4};
+    tap += quad.advance;
+    phase = quad.next;
+    return group;
+}
+
 // Four stereo outputs: each coefficient vector is loaded once for both
 // channels, every output and channel has its own accumulator (independent
 // chains, so the multiply-adds overlap), and the horizontal sums of the four
@@ -136,10 +150,9 @@ __attribute__((target("avx512f,avx512dq,avx2,fma"), always_inline)) inline void 
     secondPair = _mm_add_ps(_mm256_castps256_ps128(second), _mm256_extractf128_ps(second, 1));
 }
 
-// Whole groups of four take their rows and frames from the filter's quad
-// table; a last group of fewer outputs walks the phases one by one. The sums
-// of an output are the same either way.
-// A last group of fewer than four outputs.
+// A last group of fewer than four outputs walks the phases one by one
+// (whole groups take their rows and frames from the filter's quad table);
+// the sums of an output are the same either way.
 __attribute__((target("avx2,fma"))) void stereoTail(Walk& walk, int64_t& tap, int64_t& phase, float* out,
                                                     int64_t remaining)
 {
@@ -162,17 +175,12 @@ __attribute__((target("avx512f,avx512dq,avx2,fma"))) void runStereoAvx512(Walk& 
     int64_t phase = walk.phase;
     int64_t k = 0;
     for (; k + 4 <= frames; k += 4) {
-        const PolyphaseFilter::Quad& quad = walk.quads[phase];
-        const float* c[4] = {walk.coefficients + quad.row[0], walk.coefficients + quad.row[1],
-                             walk.coefficients + quad.row[2], walk.coefficients + quad.row[3]};
-        const int64_t at[4] = {tap + quad.at[0], tap + quad.at[1], tap + quad.at[2], tap + quad.at[3]};
+        const Group group = quadGroup(walk, tap, phase);
         __m128 firstPair;
         __m128 secondPair;
-        stereoFour512<FixedTaps>(left, right, c, at, walk.taps, firstPair, secondPair);
+        stereoFour512<FixedTaps>(left, right, group.c, group.at, walk.taps, firstPair, secondPair);
         _mm_storeu_ps(out + k * 2, firstPair);
         _mm_storeu_ps(out + k * 2 + 4, secondPair);
-        tap += quad.advance;
-        phase = quad.next;
     }
     if (k < frames)
         stereoTail(walk, tap, phase, out + k * 2, frames - k);
@@ -191,17 +199,12 @@ __attribute__((target("avx2,fma"))) void runStereoAvx2(Walk& walk, float* out, i
     int64_t phase = walk.phase;
     int64_t k = 0;
     for (; k + 4 <= frames; k += 4) {
-        const PolyphaseFilter::Quad& quad = walk.quads[phase];
-        const float* c[4] = {walk.coefficients + quad.row[0], walk.coefficients + quad.row[1],
-                             walk.coefficients + quad.row[2], walk.coefficients + quad.row[3]};
-        const int64_t at[4] = {tap + quad.at[0], tap + quad.at[1], tap + quad.at[2], tap + quad.at[3]};
+        const Group group = quadGroup(walk, tap, phase);
         __m128 firstPair;
         __m128 secondPair;
-        stereoFour<FixedTaps>(left, right, c, at, walk.taps, firstPair, secondPair);
+        stereoFour<FixedTaps>(left, right, group.c, group.at, walk.taps, firstPair, secondPair);
         _mm_storeu_ps(out + k * 2, firstPair);
         _mm_storeu_ps(out + k * 2 + 4, secondPair);
-        tap += quad.advance;
-        phase = quad.next;
     }
     if (k < frames)
         stereoTail(walk, tap, phase, out + k * 2, frames - k);
@@ -231,13 +234,8 @@ __attribute__((target("avx2,fma"))) void runMonoAvx2(Walk& walk, float* out, int
     int64_t phase = walk.phase;
     int64_t k = 0;
     for (; k + 4 <= frames; k += 4) {
-        const PolyphaseFilter::Quad& quad = walk.quads[phase];
-        const float* c[4] = {walk.coefficients + quad.row[0], walk.coefficients + quad.row[1],
-                             walk.coefficients + quad.row[2], walk.coefficients + quad.row[3]};
-        const int64_t at[4] = {tap + quad.at[0], tap + quad.at[1], tap + quad.at[2], tap + quad.at[3]};
-        _mm_storeu_ps(out + k, monoFour(x, c, at, taps));
-        tap += quad.advance;
-        phase = quad.next;
+        const Group group = quadGroup(walk, tap, phase);
+        _mm_storeu_ps(out + k, monoFour(x, group.c, group.at, taps));
     }
     if (k < frames) {
         const auto [c, at, real] = nextGroup(walk, tap, phase, frames - k);
