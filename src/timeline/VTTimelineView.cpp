@@ -5,6 +5,7 @@
 #include "timeline/KRGLUImage.h"
 #include "timeline/VTTimelineClipBatch.h"
 #include "timeline/VTTimelineGLWidget.h"
+#include "timeline/VTTimelineLanes.h"
 #include "timeline/VTTimelineTextCache.h"
 #include "timeline/VTWaveCache.h"
 
@@ -23,9 +24,9 @@
 
 namespace {
 
-constexpr double kRulerHeight = 19;
-constexpr double kLaneHeight = 68;
-constexpr double kLanePitch = 69;
+using brindle::timeline::kLaneHeight;
+using brindle::timeline::kLanePitch;
+using brindle::timeline::kRulerHeight;
 constexpr double kClipInset = 4;
 constexpr double kClipHeight = 60;
 constexpr double kEdgeWidth = 8;

@@ -9,6 +9,7 @@
 #include "timeline/KRGLUString.h"
 #include "timeline/VTTimelineClipBatch.h"
 #include "timeline/VTTimelineGLWidget.h"
+#include "timeline/VTTimelineLanes.h"
 #include "timeline/VTTimelineRuler.h"
 #include "timeline/VTTimelineTextCache.h"
 #include "timeline/VTWaveCache.h"
@@ -24,9 +25,9 @@
 
 namespace {
 
-constexpr double kRulerHeight = 19;
-constexpr double kLaneHeight = 68;
-constexpr double kLanePitch = 69;
+using brindle::timeline::kLaneHeight;
+using brindle::timeline::kLanePitch;
+using brindle::timeline::kRulerHeight;
 constexpr double kClipRadius = 8;
 constexpr double kTitleInset = 8;
 constexpr double kSelectionWidth = 2;
@@ -199,8 +200,9 @@ static std::pair<uint64_t, uint64_t> laneRange(double documentTop, const QRectF&
     if (laneCount == 0)
         return {1, 0};
     // Lane i spans [top − 69 i − 87, top − 69 i − 19] in y.
-    const double first = std::floor((documentTop - 87 - (dirtyRect.y() + dirtyRect.height())) / kLanePitch);
-    const double last = std::ceil((documentTop - 19 - dirtyRect.y()) / kLanePitch);
+    const double first =
+        std::floor((documentTop - kRulerHeight - kLaneHeight - (dirtyRect.y() + dirtyRect.height())) / kLanePitch);
+    const double last = std::ceil((documentTop - kRulerHeight - dirtyRect.y()) / kLanePitch);
     const double lastLane = double(laneCount - 1);
     if (last < 0 || first > lastLane)
         return {1, 0};

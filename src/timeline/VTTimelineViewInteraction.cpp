@@ -6,6 +6,7 @@
 #include "timeline/VTTimelineView.h"
 
 #include "timeline/VTTimelineGLWidget.h"
+#include "timeline/VTTimelineLanes.h"
 
 #include <QMimeData>
 
@@ -15,12 +16,12 @@
 
 namespace {
 
+using brindle::timeline::kLanePitch;
+using brindle::timeline::kRulerHeight;
 using Operation = VTTimelineViewDelegate::Operation;
 constexpr uint64_t kNotFound = VTTimelineViewDelegate::kNotFound;
 // How far beyond the visible area a move still counts as a move, not a drag-out.
 constexpr double kDragOutMargin = 100;
-constexpr double kRulerHeight = 19;
-constexpr double kLanePitch = 69;
 
 // Cocoa's point-in-rectangle test: the left and bottom edges belong to the
 // rectangle, the right and top edges do not; an empty rectangle holds nothing.
