@@ -6,6 +6,7 @@
 #include "app/MainWindow.h"
 #include "app/VTEditController.h"
 #include "app/MainQueue.h"
+#include "app/WindowSheet.h"
 #include "foundation/Log.h"
 #include "foundation/UserDefaults.h"
 #include "model/VTProject.h"
@@ -236,23 +237,12 @@ void VTDocumentController::saveProjectTaskEndWithContext(const VTTaskContext& co
 
 // --- Prompts ------------------------------------------------------------------
 
-QMessageBox* VTDocumentController::makeSheet(const QString& text, const QString& informativeText)
-{
-    auto* sheet = new QMessageBox(m_app.window());
-    // Window managers show a dialog without a title as "Untitled".
-    sheet->setWindowTitle(QApplication::applicationDisplayName());
-    sheet->setAttribute(Qt::WA_DeleteOnClose);
-    sheet->setWindowModality(Qt::WindowModal);
-    sheet->setText(text);
-    sheet->setInformativeText(informativeText);
-    return sheet;
-}
-
 void VTDocumentController::promptUserSaveDocumentWithContext(const SaveActionContext& context)
 {
-    QMessageBox* sheet =
-        makeSheet(QStringLiteral("Do you want to save the changes you made in the project \"%1\"").arg(m_app.project()->title()),
-                  QStringLiteral("You changes will lost if you don't save them"));
+    QMessageBox* sheet = brindle::app::makeSheet(
+        m_app.window(),
+        QStringLiteral("Do you want to save the changes you made in the project \"%1\"").arg(m_app.project()->title()),
+        QStringLiteral("You changes will lost if you don't save them"));
     sheet->setObjectName(QStringLiteral("saveChangesAlert"));
     sheet->setIcon(QMessageBox::Warning);
     QPushButton* save = sheet->addButton(QStringLiteral("Save..."), QMessageBox::AcceptRole);
@@ -301,8 +291,10 @@ void VTDocumentController::promptUserFailedSaveDocumentWithContext(const SaveAct
     default:
         break;
     }
-    QMessageBox* sheet = makeSheet(
-        QStringLiteral("Failed to save the changes you made in the project \"%1\"").arg(m_app.project()->title()), question);
+    QMessageBox* sheet = brindle::app::makeSheet(
+        m_app.window(),
+        QStringLiteral("Failed to save the changes you made in the project \"%1\"").arg(m_app.project()->title()),
+        question);
     sheet->setObjectName(QStringLiteral("saveFailedAlert"));
     sheet->setIcon(QMessageBox::Warning);
     QPushButton* first = nullptr;

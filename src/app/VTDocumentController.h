@@ -91,7 +91,5 @@ public:
     void rebuildOpenRecentMenu();
 
 private:
-    QMessageBox* makeSheet(const QString& text, const QString& informativeText);
-
     AppDelegate& m_app;
 };

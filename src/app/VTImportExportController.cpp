@@ -10,6 +10,7 @@
 #include "codec/KRMuxerTask.h"
 #include "export/VTAudioExporter.h"
 #include "app/MainQueue.h"
+#include "app/WindowSheet.h"
 #include "foundation/Log.h"
 #include "media/VTDataProvider.h"
 #include "media/VTDataProviderMgr.h"
@@ -167,11 +168,10 @@ void VTImportExportController::promptFailedParserURLs(const QList<QUrl>& urls)
         QString message = QStringLiteral("Failed to parser these files:");
         for (const QUrl& url : urls)
             message = QStringLiteral("%1\n\t%2").arg(message, url.toLocalFile());
-        auto* sheet = new QMessageBox(QMessageBox::Warning, QApplication::applicationDisplayName(), message,
-                                      QMessageBox::Ok, m_app.window());
+        QMessageBox* sheet = brindle::app::makeSheet(m_app.window(), message);
         sheet->setObjectName(QStringLiteral("failedParserAlert"));
-        sheet->setAttribute(Qt::WA_DeleteOnClose);
-        sheet->setWindowModality(Qt::WindowModal);
+        sheet->setIcon(QMessageBox::Warning);
+        sheet->setStandardButtons(QMessageBox::Ok);
         sheet->open();
     });
 }
@@ -252,14 +252,11 @@ void VTImportExportController::exportCompleted(const QString& path, int result)
     }
     if (result != 0)
         return;
-    auto* sheet = new QMessageBox(m_app.window());
-    sheet->setWindowTitle(QApplication::applicationDisplayName());
+    QMessageBox* sheet =
+        brindle::app::makeSheet(m_app.window(), QStringLiteral("Succeed to export audio file at path: %1.").arg(path),
+                                QStringLiteral("Do you want to show it in the file manager?"));
     sheet->setObjectName(QStringLiteral("exportSucceededAlert"));
-    sheet->setAttribute(Qt::WA_DeleteOnClose);
-    sheet->setWindowModality(Qt::WindowModal);
     sheet->setIcon(QMessageBox::Information);
-    sheet->setText(QStringLiteral("Succeed to export audio file at path: %1.").arg(path));
-    sheet->setInformativeText(QStringLiteral("Do you want to show it in the file manager?"));
     QPushButton* reveal = sheet->addButton(QStringLiteral("Show in File Manager"), QMessageBox::AcceptRole);
     sheet->addButton(QStringLiteral("OK"), QMessageBox::RejectRole);
     sheet->setDefaultButton(reveal);
